@@ -1,0 +1,13 @@
+# Compile options of everything built here.
+
+find_package(Threads REQUIRED)
+
+add_library(vka_options INTERFACE)
+target_compile_options(vka_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wcast-qual -Wformat=2
+  -Wnon-virtual-dtor -Woverloaded-virtual -Wundef
+  $<$<BOOL:${VKA_WERROR}>:-Werror>
+  # The C library's checks need optimisation. FdSet does not rely on them.
+  $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+target_compile_definitions(vka_options INTERFACE _FILE_OFFSET_BITS=64)
+target_link_libraries(vka_options INTERFACE Threads::Threads)
