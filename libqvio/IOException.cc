@@ -1,0 +1,4 @@
+// SPDX-License-Identifier: MIT
+#include <libqvio/IOException>
+
+IOException::~IOException() noexcept {}
