@@ -41,7 +41,7 @@ std::string exePath(const std::string& entry) {
     if (len == -1)
         return std::string();
     std::string path(buf, static_cast<size_t>(len));
-    static const std::string deleted = " (deleted)"; // the kernel's mark of a replaced file
+    const std::string deleted = " (deleted)"; // the kernel's mark of a replaced file
     if (path.size() > deleted.size() &&
         path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0)
         path.resize(path.size() - deleted.size());
