@@ -1,0 +1,388 @@
+// SPDX-License-Identifier: MIT
+#include <host/HostClient>
+
+#include <libqvio/IOException>
+#include <libqvutil/QVException>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <fcntl.h>
+#include <iostream>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+
+const int acceptPauseMs = 1000;
+const int stuckSeconds = 5;    // a client that hung up waits so long for the child to read
+const int lastOutputMs = 1000; // time for reading what is left in the terminal
+const int slowClientMs = 5000; // a client that takes nothing for so long gets no more
+const int closingMs = 500;     // time for the client to see the end and close
+const int failedStartStatus = 126;
+
+int64_t nowMs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+void addFdFlag(int fd, int getCommand, int setCommand, int flag, const char* what) {
+    const int flags = fcntl(fd, getCommand);
+    if (flags == -1 || fcntl(fd, setCommand, flags | flag) == -1) {
+        const int err = errno;
+        throw IOException(err, what);
+    }
+}
+
+void setCloseOnExec(int fd) {
+    addFdFlag(fd, F_GETFD, F_SETFD, FD_CLOEXEC, "cannot set close-on-exec");
+}
+
+void setNonBlocking(int fd) {
+    addFdFlag(fd, F_GETFL, F_SETFL, O_NONBLOCK, "cannot set non-blocking mode");
+}
+
+/** What poll() says of a descriptor right now. */
+short eventsOf(int fd, short events) {
+    pollfd entry = {fd, events, 0};
+    return poll(&entry, 1, 0) == 1 ? entry.revents : static_cast<short>(0);
+}
+
+/** Would the next read give the end of the stream, or an error? */
+bool isAtEnd(int conn) {
+    char byte;
+    const ssize_t got = recv(conn, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return got == 0 || (got == -1 && errno != EAGAIN && errno != EINTR);
+}
+
+// The library forks and executes in one call and keeps the id to itself, so what must happen in the
+// child in between is a fork handler. It acts only while start() runs.
+struct {
+    pid_t host; // -1: not starting
+    int report; // pipe for the child's id
+} starting = {-1, -1};
+
+void prepareChild() {
+    if (starting.host == -1)
+        return;
+    Signals::resetInChild();
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const pid_t self = getpid();
+    if (getppid() != starting.host || // the host died before the line above
+        write(starting.report, &self, sizeof(self)) != sizeof(self))
+        _exit(failedStartStatus);
+}
+
+} // namespace
+
+HostClient::HostClient(const Options& options)
+    : VKAClient(options.workdir.c_str(), options.logfile.empty(), options.maxbufsize, options.port,
+                options.logfile, options.debug),
+      child(-1), acceptFailed(false), idleSeconds(0) {
+    const int err = pthread_atfork(nullptr, nullptr, prepareChild);
+    if (err != 0)
+        throw IOException(err, "cannot prepare for starting programs");
+    if (console) {
+        checkSelectable();
+        for (int fd : {fdServer, master, slave})
+            setCloseOnExec(fd);
+        setNonBlocking(fdServer); // a client may be gone between select() and accept()
+        setNonBlocking(master);   // a program that never reads must not hold up the host
+        prepareTerminal(options);
+    }
+}
+
+void HostClient::checkSelectable() const {
+    for (int fd : {fdServer, master, slave}) {
+        if (fd >= FD_SETSIZE) {
+            QVException failure("too many open files: descriptor ");
+            failure << fd << " is too high for select()";
+            throw failure;
+        }
+    }
+}
+
+void HostClient::prepareTerminal(const Options& options) {
+    winsize size = winsize();
+    size.ws_col = options.columns;
+    size.ws_row = options.rows;
+    termios tios;
+    if (ioctl(master, TIOCSWINSZ, &size) == -1 || tcgetattr(master, &tios) == -1) {
+        const int err = errno;
+        throw IOException(err, "cannot set up the terminal");
+    }
+    cfmakeraw(&tios);
+    if (tcsetattr(master, TCSANOW, &tios) == -1) {
+        const int err = errno;
+        throw IOException(err, "cannot set up the terminal");
+    }
+}
+
+in_port_t HostClient::listeningPort() const {
+    sockaddr_in addr = sockaddr_in();
+    socklen_t len = sizeof(addr);
+    if (getsockname(fdServer, reinterpret_cast<sockaddr*>(&addr), &len) == -1) {
+        const int err = errno;
+        throw IOException(err, "cannot get the port");
+    }
+    return ntohs(addr.sin_port);
+}
+
+void HostClient::start() {
+    if (!console) {
+        const int fd = open(logfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        const int err = errno;
+        if (fd == -1)
+            throw IOException(err, "cannot create log file " + logfile);
+        close(fd);
+    }
+    // As after a build in this process: a program finds the files of its archive.
+    if (chdir(srcdir.c_str()) == -1) {
+        const int err = errno;
+        throw IOException(err, "change dir to " + srcdir);
+    }
+    std::cout.flush(); // or the child, on some ways to its end, would print it again
+
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) == -1) {
+        const int err = errno;
+        throw IOException(err, "cannot create pipe");
+    }
+    starting = {getpid(), report[1]};
+    std::exception_ptr failure;
+    try {
+        run();
+    } catch (...) {
+        if (getpid() != starting.host)
+            _exit(failedStartStatus);
+        failure = std::current_exception();
+    }
+    starting.host = -1;
+    close(report[1]);
+    if (read(report[0], &child, sizeof(child)) != sizeof(child))
+        child = -1; // no child, or it was killed before it could tell
+    close(report[0]);
+    if (failure && !isExpected(failure))
+        std::rethrow_exception(failure);
+    if (child == -1)
+        throw QVException("the program was killed before it started");
+}
+
+/** Outside console mode run() looks for a terminal in vain, after it has started the program. */
+bool HostClient::isExpected(const std::exception_ptr& failure) const {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const IOException& err) {
+        return !console && child != -1 && err.getError() == EBADF &&
+               strncmp(err.what(), "tcgetattr", strlen("tcgetattr")) == 0;
+    } catch (...) {
+        return false;
+    }
+}
+
+int HostClient::watch(FdSet& rfds, FdSet& wfds) {
+    addConsole(rfds, wfds);
+    if (acceptFailed) {
+        acceptFailed = false;
+        rfds -= fdServer;
+        return acceptPauseMs;
+    }
+    // A client whose input waits for the child is not read, so its hanging up must be looked for.
+    return fdConn != -1 && !bufConn2Child.empty() ? 1000 : -1;
+}
+
+void HostClient::serve(int ready, const FdSet& rfds, const FdSet& wfds) {
+    if (ready == 0) {
+        dropStuckClient();
+        return;
+    }
+    idleSeconds = 0;
+
+    const bool reading = rfds.isActiveAndSet(fdConn);
+    const bool writing = wfds.isActiveAndSet(fdConn);
+    if (reading || writing)
+        transferWithClient(reading, writing);
+
+    FdSet otherReads = rfds;
+    FdSet otherWrites = wfds;
+    if (fdConn != -1) {
+        otherReads -= fdConn;
+        otherWrites -= fdConn;
+    }
+    const bool accepting = otherReads.isActiveAndSet(fdServer);
+    relay(otherReads, otherWrites);
+    if (accepting)
+        adoptClient();
+}
+
+/** The client's two transfers, apart from the rest so that what was written can be counted. */
+void HostClient::transferWithClient(bool reading, bool writing) {
+    if (reading && isAtEnd(fdConn)) {
+        dropClient();
+        return;
+    }
+    FdSet rfds;
+    FdSet wfds;
+    if (reading)
+        rfds += fdConn;
+    if (writing)
+        wfds += fdConn;
+    const size_t chunks = bufChild2Conn.size();
+    const size_t before = chunks == 0 ? 0 : bufChild2Conn.front().size();
+    relay(rfds, wfds);
+    if (chunks != 0) {
+        const size_t after = bufChild2Conn.size() < chunks ? 0 : bufChild2Conn.front().size();
+        bufsize -= before - after;
+    }
+}
+
+void HostClient::relay(const FdSet& rfds, const FdSet& wfds) {
+    try {
+        handleData(rfds, wfds);
+    } catch (const IOException& err) {
+        if (err.getError() == EAGAIN || err.getError() == EINTR)
+            return;
+        if (fdConn != -1 && (eventsOf(fdConn, POLLIN) & (POLLERR | POLLHUP)) != 0)
+            dropClient();
+        else if (err.getError() == EIO)
+            closeTerminal();
+        else
+            throw;
+    }
+}
+
+void HostClient::adoptClient() {
+    if (fdConn == -1) {
+        const int err = errno;
+        if (err == EAGAIN) // the client is gone already
+            return;
+        std::cerr << "vkahost: cannot accept a client: " << strerror(err) << std::endl;
+        acceptFailed = true;
+        return;
+    }
+    if (fdConn >= FD_SETSIZE) {
+        std::cerr << "vkahost: client refused: descriptor " << fdConn << " is too high for select()"
+                  << std::endl;
+        close(fdConn);
+        fdConn = -1;
+        return;
+    }
+    setCloseOnExec(fdConn);
+    setNonBlocking(fdConn);
+    const struct {
+        int level;
+        int name;
+        int value;
+    } settings[] = {
+        {IPPROTO_TCP, TCP_NODELAY, 1}, // a two-chunk answer would wait for the peer's delayed ACK
+        {SOL_SOCKET, SO_KEEPALIVE, 1}, // a silent peer is asked after 30 s, three times
+        {IPPROTO_TCP, TCP_KEEPIDLE, 30},
+        {IPPROTO_TCP, TCP_KEEPINTVL, 10},
+        {IPPROTO_TCP, TCP_KEEPCNT, 3},
+        {IPPROTO_TCP, TCP_USER_TIMEOUT, 60000}, // ms that sent bytes may stay unacknowledged
+    };
+    for (const auto& setting : settings) {
+        if (setsockopt(fdConn, setting.level, setting.name, &setting.value,
+                       sizeof(setting.value)) == -1) {
+            const int err = errno; // such as EINVAL: reset meanwhile; the next read will tell
+            std::cerr << "vkahost: cannot set a socket option: " << strerror(err) << std::endl;
+        }
+    }
+    std::cout << "vkahost: client connected" << std::endl;
+}
+
+void HostClient::dropClient() {
+    close(fdConn);
+    fdConn = -1;
+    std::cout << "vkahost: client disconnected" << std::endl;
+}
+
+/** The program made the terminal its own and left it: nobody can use it again. */
+void HostClient::closeTerminal() {
+    close(master);
+    close(slave);
+    master = slave = -1;
+}
+
+/** Called when nothing happened for a second. */
+void HostClient::dropStuckClient() {
+    if (fdConn == -1)
+        return;
+    const short events = eventsOf(fdConn, POLLRDHUP);
+    if ((events & (POLLERR | POLLHUP)) != 0 ||
+        ((events & POLLRDHUP) != 0 && ++idleSeconds >= stuckSeconds)) {
+        idleSeconds = 0;
+        dropClient();
+    }
+}
+
+bool HostClient::childEnded(Ending& ending) const {
+    siginfo_t info = siginfo_t();
+    if (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == -1 ||
+        info.si_pid == 0)
+        return false;
+    ending.killed = info.si_code != CLD_EXITED;
+    ending.number = info.si_status;
+    return true;
+}
+
+void HostClient::deliver(Signals& signals) {
+    const int64_t lastOutput = nowMs() + lastOutputMs;
+    while (true) {
+        FdSet rfds;
+        FdSet wfds;
+        watch(rfds, wfds);
+        rfds += signals.fd();
+        if (fdConn != -1)
+            rfds -= fdConn; // there is nobody left to read its input
+        if (master != -1) {
+            wfds -= master;
+            if (nowMs() >= lastOutput)
+                rfds -= master; // a process that the child left behind goes on writing
+        }
+        const int waitMs = fdConn != -1 && !bufChild2Conn.empty() ? slowClientMs : 0;
+        timeval timeout = {waitMs / 1000, 0};
+        const int ready = select(rfds.num(wfds), rfds.addr(), wfds.addr(), nullptr, &timeout);
+        if (ready == -1 && errno == EINTR)
+            continue;
+        if (ready <= 0 || (rfds.isSet(signals.fd()) && signals.take() != 0))
+            break;
+        serve(ready, rfds, wfds);
+    }
+    if (fdConn != -1)
+        closeClientGently();
+}
+
+/** Lets the client see the end first: closing with input unread would reset the connection. */
+void HostClient::closeClientGently() {
+    shutdown(fdConn, SHUT_WR);
+    const int64_t deadline = nowMs() + closingMs;
+    char discarded[4096];
+    for (int64_t left = closingMs; left > 0; left = deadline - nowMs()) {
+        pollfd entry = {fdConn, POLLIN, 0};
+        if (poll(&entry, 1, static_cast<int>(left)) == 1 &&
+            read(fdConn, discarded, sizeof(discarded)) <= 0)
+            break;
+    }
+    dropClient();
+}
+
+std::string HostClient::takeUnfetched() {
+    args_t chunks;
+    getRunLog(chunks);
+    bufsize = 0;
+    std::string output;
+    for (const std::string& chunk : chunks)
+        output += chunk;
+    return output;
+}
