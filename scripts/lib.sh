@@ -1,0 +1,103 @@
+# shellcheck shell=bash
+# SPDX-License-Identifier: MIT
+#
+# Shared by the scripts beside it; sourced, never run.
+
+tree=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd -P)
+
+# The same messages, sort order and number format on every machine.
+export LC_ALL=C.UTF-8
+
+# What the build and the running library need; what the sandbox and the tests need besides.
+# shellcheck disable=SC2034 # used by the scripts that source this
+{
+    build_packages=(g++ make cmake unzip zip)
+    sandbox_packages=(mount python3)
+    test_packages=(libgtest-dev libgmock-dev python3-pytest)
+    test_packages+=(gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf ccache busybox-static)
+    test_packages+=(socat netcat-openbsd strace)
+}
+
+say() { printf '==> %s\n' "$*"; }
+
+die() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+# option_value OPTION COUNT: complains unless OPTION is followed by a value; COUNT is "$#".
+option_value() { [ "$2" -ge 2 ] || die "option $1 needs a value"; }
+
+# The comment at the head of the running script is its manual.
+print_usage() { sed -n '/^# Usage:/,/^[^#]/{/^#/s/^# \{0,1\}//p}' "$0"; }
+
+as_root() {
+    if [ "$(id -u)" = 0 ]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo "$@"
+    else
+        die "need root to run: $* (no sudo here; run this as root, or install the packages first)"
+    fi
+}
+
+# Tries a command that depends on the network several times.
+retry() {
+    local try
+    for try in 1 2 3 4; do
+        "$@" && return
+        say "failed (try $try): $*" >&2
+        sleep $((try * 5))
+    done
+    "$@"
+}
+
+apt_get() {
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=600 "$@"
+}
+
+# install_packages NAME...: installs those that are missing; needs neither root nor network when
+# none is.
+install_packages() {
+    local missing=() package
+    command -v dpkg-query >/dev/null || {
+        say "no dpkg here: taking it that these are installed: $*"
+        return
+    }
+    for package in "$@"; do
+        # shellcheck disable=SC2016 # the format is dpkg-query's, not the shell's
+        dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null | grep -q -x installed ||
+            missing+=("$package")
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    say "installing ${missing[*]}"
+    retry apt_get update || die "apt-get update failed"
+    retry apt_get install --no-install-recommends "${missing[@]}" ||
+        die "cannot install ${missing[*]}"
+}
+
+# A Python that has the given modules; the first one on the PATH need not be the system's.
+find_python() {
+    local python module
+    for python in python3 /usr/bin/python3; do
+        for module in "$@"; do
+            "$python" -c "import $module" 2>/dev/null || continue 2
+        done
+        command -v "$python"
+        return
+    done
+    die "no python3 with the modules: $*"
+}
+
+# build_tree DIR [CMAKE-ARGUMENT]...: configures and builds the tree in DIR.
+build_tree() {
+    local dir=$1
+    shift
+    mkdir -p "$dir"
+    {
+        cmake -S "$tree" -B "$dir" "$@" && cmake --build "$dir" --parallel "$(nproc)"
+    } >"$dir/build.log" 2>&1 || {
+        cat "$dir/build.log"
+        die "the build in $dir failed"
+    }
+}
