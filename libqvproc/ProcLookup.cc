@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
@@ -72,9 +73,14 @@ std::string Proc::cmdlinePid(const char* entry) {
 }
 
 pid_t Proc::pidofProc(const char* entry, const char* name) {
-    if (!isPid(entry) || !(matchesExe(exePath(entry), name) || matchesExe(cmdlinePid(entry), name)))
+    if (!isPid(entry))
         return -1;
-    return static_cast<pid_t>(atoi(entry));
+    const std::string argument = cmdlinePid(entry);
+    const bool hasTitle = argument.find(' ') != std::string::npos;
+    if (matchesExe(argument, name) || (strchr(name, '/') && exePath(entry) == name) ||
+        (hasTitle && readFile(procPath(entry, "comm")) == std::string(name) + '\n'))
+        return static_cast<pid_t>(atoi(entry));
+    return -1;
 }
 
 Proc::pidset_t Proc::pidsof(const char* name) {

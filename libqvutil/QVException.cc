@@ -16,7 +16,9 @@ QVException& QVException::operator=(const QVException& other) {
 
 const char* QVException::what() const noexcept {
     try {
-        text = str();
+        const std::string now = str();
+        if (now != text) // an earlier answer stays valid otherwise
+            text = now;
     } catch (...) {
         // what() must answer even without memory
     }
