@@ -24,7 +24,7 @@
 namespace {
 
 const int acceptPauseMs = 1000;
-const int stuckSeconds = 5;    // a client that hung up waits so long for the child to read
+const int stuckMs = 5000;      // a client that hung up waits so long for the child to read
 const int lastOutputMs = 1000; // time for reading what is left in the terminal
 const int slowClientMs = 5000; // a client that takes nothing for so long gets no more
 const int closingMs = 500;     // time for the client to see the end and close
@@ -88,7 +88,7 @@ void prepareChild() {
 HostClient::HostClient(const Options& options)
     : VKAClient(options.workdir.c_str(), options.logfile.empty(), options.maxbufsize, options.port,
                 options.logfile, options.debug),
-      child(-1), acceptFailed(false), idleSeconds(0) {
+      child(-1), acceptFailed(false), clientIsDeaf(false), waitingInput(0), waitingSince(0) {
     const int err = pthread_atfork(nullptr, nullptr, prepareChild);
     if (err != 0)
         throw IOException(err, "cannot prepare for starting programs");
@@ -191,7 +191,11 @@ bool HostClient::isExpected(const std::exception_ptr& failure) const {
 }
 
 int HostClient::watch(FdSet& rfds, FdSet& wfds) {
+    if (clientIsDeaf && isAtEnd(fdConn))
+        dropClient();
     addConsole(rfds, wfds);
+    if (clientIsDeaf)
+        wfds -= fdConn;
     if (acceptFailed) {
         acceptFailed = false;
         rfds -= fdServer;
@@ -201,13 +205,7 @@ int HostClient::watch(FdSet& rfds, FdSet& wfds) {
     return fdConn != -1 && !bufConn2Child.empty() ? 1000 : -1;
 }
 
-void HostClient::serve(int ready, const FdSet& rfds, const FdSet& wfds) {
-    if (ready == 0) {
-        dropStuckClient();
-        return;
-    }
-    idleSeconds = 0;
-
+void HostClient::serve(const FdSet& rfds, const FdSet& wfds) {
     const bool reading = rfds.isActiveAndSet(fdConn);
     const bool writing = wfds.isActiveAndSet(fdConn);
     if (reading || writing)
@@ -223,6 +221,7 @@ void HostClient::serve(int ready, const FdSet& rfds, const FdSet& wfds) {
     relay(otherReads, otherWrites);
     if (accepting)
         adoptClient();
+    dropStuckClient();
 }
 
 /** The client's two transfers, apart from the rest so that what was written can be counted. */
@@ -253,7 +252,7 @@ void HostClient::relay(const FdSet& rfds, const FdSet& wfds) {
         if (err.getError() == EAGAIN || err.getError() == EINTR)
             return;
         if (fdConn != -1 && (eventsOf(fdConn, POLLIN) & (POLLERR | POLLHUP)) != 0)
-            dropClient();
+            clientIsDeaf = true;
         else if (err.getError() == EIO)
             closeTerminal();
         else
@@ -304,6 +303,7 @@ void HostClient::adoptClient() {
 void HostClient::dropClient() {
     close(fdConn);
     fdConn = -1;
+    clientIsDeaf = false;
     std::cout << "vkahost: client disconnected" << std::endl;
 }
 
@@ -314,15 +314,16 @@ void HostClient::closeTerminal() {
     master = slave = -1;
 }
 
-/** Called when nothing happened for a second. */
+/** Makes room when the client has hung up and the child takes nothing of its input any more. */
 void HostClient::dropStuckClient() {
-    if (fdConn == -1)
-        return;
-    const short events = eventsOf(fdConn, POLLRDHUP);
-    if ((events & (POLLERR | POLLHUP)) != 0 ||
-        ((events & POLLRDHUP) != 0 && ++idleSeconds >= stuckSeconds)) {
-        idleSeconds = 0;
-        dropClient();
+    const int64_t now = nowMs();
+    if (bufConn2Child.empty() || bufConn2Child.size() != waitingInput) {
+        waitingInput = bufConn2Child.size();
+        waitingSince = now;
+    } else if (fdConn != -1 && now - waitingSince >= stuckMs) {
+        waitingSince = now;
+        if ((eventsOf(fdConn, POLLRDHUP) & (POLLERR | POLLHUP | POLLRDHUP)) != 0)
+            dropClient();
     }
 }
 
@@ -341,6 +342,8 @@ void HostClient::deliver(Signals& signals) {
     while (true) {
         FdSet rfds;
         FdSet wfds;
+        if (clientIsDeaf)
+            dropClient();
         watch(rfds, wfds);
         rfds += signals.fd();
         if (fdConn != -1)
@@ -357,7 +360,7 @@ void HostClient::deliver(Signals& signals) {
             continue;
         if (ready <= 0 || (rfds.isSet(signals.fd()) && signals.take() != 0))
             break;
-        serve(ready, rfds, wfds);
+        serve(rfds, wfds);
     }
     if (fdConn != -1)
         closeClientGently();

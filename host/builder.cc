@@ -13,6 +13,7 @@
 #include <iostream>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -104,6 +105,7 @@ pid_t startBuild(HostClient& client, const Options& options) {
         throw IOException(err, "cannot fork");
     if (builder == 0) {
         Signals::resetInChild();
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // a crashed host does not go on building
         setsid();
         const int null = open("/dev/null", O_RDONLY);
         dup2(null, STDIN_FILENO);

@@ -43,7 +43,7 @@ int serveUntilEnd(HostClient& client, Signals& signals, Ending& ending) {
         if (ready == -1 && err != EINTR)
             throw IOException(err, "cannot wait for events");
         if (ready != -1)
-            client.serve(ready, rfds, wfds);
+            client.serve(rfds, wfds);
     }
 }
 
