@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+#ifndef TESTS_SUPPORT_VARIANTS_H
+#define TESTS_SUPPORT_VARIANTS_H
+
+#include "fault.h"
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+// Wrappers of functions that a build may call under several names: with large files or 64-bit time
+// on 32-bit machines, with the C library's checks, or in Debug builds. The names to give to WRAP
+// are in variables of tests/unit/support.cmake, e.g. ${wrap_open} for VKA_WRAP_OPEN.
+
+#define VKA_WRAP_OPEN(fault)                                                                       \
+    VKA_WRAP(fault, int, open, (const char* path, int flags, mode_t mode), (path, flags, mode),    \
+             -1)                                                                                   \
+    VKA_WRAP(fault, int, open64, (const char* path, int flags, mode_t mode), (path, flags, mode),  \
+             -1)                                                                                   \
+    VKA_WRAP(fault, int, __open_2, (const char* path, int flags), (path, flags), -1)               \
+    VKA_WRAP(fault, int, __open64_2, (const char* path, int flags), (path, flags), -1)
+
+#define VKA_WRAP_OPENAT(fault)                                                                     \
+    VKA_WRAP(fault, int, openat, (int dir, const char* path, int flags, mode_t mode),              \
+             (dir, path, flags, mode), -1)                                                         \
+    VKA_WRAP(fault, int, openat64, (int dir, const char* path, int flags, mode_t mode),            \
+             (dir, path, flags, mode), -1)                                                         \
+    VKA_WRAP(fault, int, __openat_2, (int dir, const char* path, int flags), (dir, path, flags),   \
+             -1)                                                                                   \
+    VKA_WRAP(fault, int, __openat64_2, (int dir, const char* path, int flags), (dir, path, flags), \
+             -1)
+
+#define VKA_WRAP_STAT(fault)                                                                       \
+    VKA_WRAP(fault, int, stat, (const char* path, struct stat* info), (path, info), -1)            \
+    VKA_WRAP(fault, int, stat64, (const char* path, struct stat* info), (path, info), -1)          \
+    VKA_WRAP(fault, int, __stat64_time64, (const char* path, struct stat* info), (path, info), -1)
+
+#define VKA_WRAP_FSTAT(fault)                                                                      \
+    VKA_WRAP(fault, int, fstat, (int fd, struct stat* info), (fd, info), -1)                       \
+    VKA_WRAP(fault, int, fstat64, (int fd, struct stat* info), (fd, info), -1)                     \
+    VKA_WRAP(fault, int, __fstat64_time64, (int fd, struct stat* info), (fd, info), -1)
+
+#define VKA_WRAP_READ(fault)                                                                       \
+    VKA_WRAP(fault, ssize_t, read, (int fd, void* buf, size_t n), (fd, buf, n), -1)                \
+    VKA_WRAP(fault, ssize_t, __read_chk, (int fd, void* buf, size_t n, size_t room),               \
+             (fd, buf, n, room), -1)
+
+#endif
