@@ -1,0 +1,89 @@
+# SPDX-License-Identifier: MIT
+"""What /proc tells about processes."""
+import os
+import time
+
+PROGRAM = "/tmp/vkabin"
+DEADLINE = 30  # seconds, for what takes far less unless it hangs
+
+
+def wait_until(condition, what, deadline=DEADLINE):
+    """Waits for a true result of condition() and returns it."""
+    end = time.monotonic() + deadline
+    while True:
+        result = condition()
+        if result:
+            return result
+        assert time.monotonic() < end, "not within %s s: %s" % (deadline, what)
+        time.sleep(0.005)
+
+
+def read(pid, name):
+    """A file of /proc/PID; empty when the process is gone."""
+    try:
+        with open("/proc/%s/%s" % (pid, name), "rb") as file:
+            return file.read().decode(errors="replace")
+    except OSError:
+        return ""
+
+
+def stat(pid):
+    """The fields of the status line behind the name: state, parent, group, session, ..."""
+    return read(pid, "stat").rpartition(") ")[2].split()
+
+
+def pids():
+    return [int(name) for name in os.listdir("/proc") if name.isdigit()]
+
+
+def exists(pid):
+    """Is there such a process, zombies aside?"""
+    fields = stat(pid)
+    return bool(fields) and fields[0] not in "ZX"
+
+
+def zombies():
+    return [pid for pid in pids() if stat(pid)[:1] == ["Z"]]
+
+
+def with_environment(entry):
+    """The processes that were started with NAME=VALUE in their environment."""
+    return [pid for pid in pids() if entry in read(pid, "environ").split("\0") and exists(pid)]
+
+
+def running(program=PROGRAM):
+    """The processes that run a program, also one that was replaced since."""
+    found = []
+    for pid in pids():
+        try:
+            path = os.readlink("/proc/%d/exe" % pid)
+        except OSError:
+            continue
+        if path in (program, program + " (deleted)"):
+            found.append(pid)
+    return found
+
+
+def children(pid):
+    return [child for child in pids() if stat(child)[1:2] == [str(pid)]]
+
+
+def cpu_seconds(pid):
+    fields = stat(pid)
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def busy_share(pid, seconds=0.6):
+    """The share of a processor that a process uses, measured over that time."""
+    before, start = cpu_seconds(pid), time.monotonic()
+    time.sleep(seconds)
+    return (cpu_seconds(pid) - before) / (time.monotonic() - start)
+
+
+def resident_mib(pid):
+    return int(stat(pid)[21]) * os.sysconf("SC_PAGE_SIZE") / 2**20
+
+
+def describe(found):
+    return ["%d %s: %s" % (pid, stat(pid)[:4], read(pid, "cmdline").replace("\0", " "))
+            for pid in found]

@@ -1,0 +1,106 @@
+# SPDX-License-Identifier: MIT
+"""Failures of the system's calls: a message and a status, or the host goes on."""
+import contextlib
+import subprocess
+
+import pytest
+
+from hosts import Output, traced
+from processes import DEADLINE, busy_share
+
+
+def failing(call, error, which=None, path=None):
+    """Makes a call of vkahost fail: always, the first time (1), from the second on (2+), ..."""
+    times = ":when=" + which if which else ""
+    return traced(*(["-P", path] if path else []), "-e", "inject=%s:error=%s%s" % (call, error, times))
+
+
+@pytest.mark.parametrize("call, error, which, path, message", [
+    ("socket", "EMFILE", None, None, "create socket: Too many open files"),
+    ("setsockopt", "EPERM", "1", None, "cannot set SO_REUSEADDR: Operation not permitted"),
+    ("bind", "EACCES", None, None, "cannot bind socket to 0.0.0.0:0: Permission denied"),
+    ("listen", "EADDRINUSE", None, None, "cannot listen on socket: Address already in use"),
+    ("openat", "ENXIO", None, "/dev/ptmx", "cannot open PTY pair: No such device or address"),
+    ("fcntl", "EBADF", None, None, "cannot set close-on-exec: Bad file descriptor"),
+    ("pipe2", "EMFILE", "1", None, "cannot create pipe: Too many open files"),
+    ("clone,fork", "EAGAIN", "1", None, "cannot fork: Resource temporarily unavailable"),
+])
+def test_failure_before_the_build(host, old_sources, old_program, call, error, which, path,
+                                  message):
+    vkahost = host(**failing(call, error, which, path))
+    assert vkahost.wait() == 125
+    assert vkahost.errors() == "vkahost: %s\n" % message
+    assert old_sources.exists()
+    assert old_program()
+
+
+def test_no_process_for_the_program(host, marker):
+    vkahost = host(**failing("clone,fork", "EAGAIN", "2+"), script="touch %s" % marker)
+    assert vkahost.wait() == 125
+    assert vkahost.errors().endswith("vkahost: cannot fork: Resource temporarily unavailable\n")
+    assert not marker.exists()
+
+
+@pytest.mark.parametrize("error", ["ECONNABORTED", "EINTR", "EAGAIN", "EMFILE", "ENOBUFS", "EPROTO"])
+def test_client_is_served_after_a_failed_accept(host, error):
+    vkahost = host(**failing("accept,accept4", error, "1"))
+    client = vkahost.client()
+    assert client.ask("say hello") == "hello"
+
+
+def test_failing_accept_does_not_spin(host):
+    vkahost = host(**failing("accept,accept4", "EMFILE"))
+    vkahost.client()
+    vkahost.error_line("vkahost: cannot accept a client: Too many open files")
+    assert busy_share(vkahost.pid) < 0.1
+
+
+@contextlib.contextmanager
+def disturbed(pid, injection):
+    """Attaches strace to a process for a while."""
+    tracer = subprocess.Popen(["strace", "-p", str(pid), "-o", "/dev/null", "-e", injection],
+                              stderr=subprocess.PIPE, bufsize=0)
+    messages = Output(tracer.stderr)
+    try:
+        assert messages.search("attached$", DEADLINE), messages.so_far()
+        yield
+    finally:
+        tracer.terminate()
+        tracer.wait()
+
+
+@pytest.mark.parametrize("call", ["recvfrom", "read", "write"])
+@pytest.mark.parametrize("error", ["EINTR", "EAGAIN"])
+def test_transfers_are_tried_again(host, call, error):
+    vkahost = host(script="say ready;echo")
+    client = vkahost.client()
+    assert client.line() == "ready"
+    with disturbed(vkahost.pid, "inject=%s:error=%s:when=1+3" % (call, error)):
+        for _ in range(100):
+            client.send(b"0123456789" * 50)
+            assert client.receive(500) == b"0123456789" * 50
+
+
+@pytest.mark.parametrize("call", ["select,pselect6"])
+def test_interrupted_wait(host, call):
+    vkahost = host(**failing(call, "EINTR", "1+2"))
+    client = vkahost.client()
+    for _ in range(20):
+        assert client.ask("say hello") == "hello"
+    client.command("exit 7")
+    client.receive_all()
+    assert vkahost.wait() == 7
+
+
+def test_failing_wait(host):
+    vkahost = host(**failing("select,pselect6", "ENOMEM", "3+"))
+    client = vkahost.client()
+    client.command("say hello")
+    assert vkahost.wait() == 125
+    assert vkahost.errors() == "vkahost: cannot wait for events: Cannot allocate memory\n"
+
+
+def test_options_that_a_connection_does_not_take(host):
+    vkahost = host(**failing("setsockopt", "EINVAL", "2+"))
+    assert vkahost.client().ask("say hello") == "hello"
+    vkahost.error_line("vkahost: cannot set a socket option: Invalid argument")
