@@ -28,10 +28,6 @@ void openStandardDescriptors() {
 /** Serves the console until the child ends. @return a signal that asked to stop, or 0 */
 int serveUntilEnd(HostClient& client, Signals& signals, Ending& ending) {
     while (true) {
-        const int stopSignal = signals.take();
-        if (stopSignal != 0 || client.childEnded(ending))
-            return stopSignal;
-
         FdSet rfds;
         FdSet wfds;
         const int waitMs = client.watch(rfds, wfds);
@@ -40,10 +36,16 @@ int serveUntilEnd(HostClient& client, Signals& signals, Ending& ending) {
         const int ready = select(rfds.num(wfds), rfds.addr(), wfds.addr(), nullptr,
                                  waitMs < 0 ? nullptr : &timeout);
         const int err = errno;
-        if (ready == -1 && err != EINTR)
+        if (ready == -1 && err == EINTR)
+            continue; // the signal can be read now
+        if (ready == -1)
             throw IOException(err, "cannot wait for events");
-        if (ready != -1)
-            client.serve(rfds, wfds);
+        client.serve(rfds, wfds);
+        if (rfds.isSet(signals.fd())) {
+            const int stopSignal = signals.take();
+            if (stopSignal != 0 || client.childEnded(ending))
+                return stopSignal;
+        }
     }
 }
 
