@@ -72,7 +72,8 @@ install_packages() {
     [ ${#missing[@]} -gt 0 ] || return 0
     say "installing ${missing[*]}"
     retry apt_get update || die "apt-get update failed"
-    retry apt_get install --no-install-recommends "${missing[@]}" ||
+    # Some packages conflict; none that the machine has is given up for ours.
+    retry apt_get install --no-install-recommends --no-remove "${missing[@]}" ||
         die "cannot install ${missing[*]}"
 }
 

@@ -1,12 +1,14 @@
 # SPDX-License-Identifier: MIT
 """A program or a client that takes nothing: nobody waits for it, and memory stays bounded."""
+import os
+import re
 import signal
 import time
 
 import pytest
 
 from clients import record_stream
-from processes import busy_share, resident_mib, wait_until
+from processes import busy_share, read, resident_mib, wait_until
 
 # A sanitizer's allocator would keep freed memory for a while.
 LEAN = {"ASAN_OPTIONS": "quarantine_size_mb=1"}
@@ -120,6 +122,18 @@ def test_endless_program_without_client(host):
     busy_share(vkahost.pid)
     assert resident_mib(vkahost.pid) - before < 4
     assert_ends_soon(vkahost)
+
+
+def test_nothing_that_the_host_serves_can_block_it(host):
+    vkahost = host()
+    vkahost.client().ask("say hello")
+    blocking = []
+    for name in os.listdir("/proc/%d/fd" % vkahost.pid):
+        target = os.readlink("/proc/%d/fd/%s" % (vkahost.pid, name))
+        flags = re.search(r"flags:\t(\d+)", read(vkahost.pid, "fdinfo/" + name))[1]
+        if target.startswith(("socket:", "/dev/ptmx")) and not int(flags, 8) & os.O_NONBLOCK:
+            blocking.append(target)
+    assert blocking == []
 
 
 @pytest.mark.parametrize("connected", [False, True])

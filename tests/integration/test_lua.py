@@ -33,7 +33,8 @@ def interpreter(vkahost, tmp_path_factory):
     archive = os.environ.get("VKA_LUA_ZIP", "")
     assert os.path.isabs(archive), \
         "VKA_LUA_ZIP must be the archive that fetch_lua.sh makes, not %r" % archive
-    host = Host([vkahost, "-p0", "-w", tmp_path_factory.mktemp("lua"), archive])
+    host = Host([vkahost, "-p0", "-w", tmp_path_factory.mktemp("lua"), archive],
+                env=os.environ)
     try:
         yield Interpreter(host)
     finally:

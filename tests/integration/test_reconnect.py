@@ -155,6 +155,27 @@ def test_client_that_is_reset_while_the_host_is_stopped(host):
     client.close()
 
 
+@pytest.mark.parametrize("end", [Client.reset, Client.close])
+@pytest.mark.parametrize("output", [0, 1, 3000])
+def test_input_before_the_end_of_a_connection_is_not_lost(host, fifo, marker, end, output):
+    """The host finds input, end and output of the program at the same time."""
+    vkahost = host()
+    client = vkahost.client()
+    client.command("say hello")
+    client.command("gate %s" % fifo)
+    client.command("flood %d" % output if output else "")
+    assert client.line() == "hello"
+    os.kill(vkahost.pid, signal.SIGSTOP)
+    fifo.write_bytes(b"")
+    client.command("touch %s" % marker)
+    end(client)
+    os.kill(vkahost.pid, signal.SIGCONT)
+    wait_until(marker.exists, "the last command was obeyed")
+    following = vkahost.client()
+    following.command("say again")
+    following.receive_until(b"again\n")
+
+
 def test_urgent_data_does_no_harm(host):
     vkahost = host()
     client = vkahost.client()

@@ -153,6 +153,14 @@ class TestKilledHost:
         assert vkahost.wait() == -signal.SIGKILL
         wait_until(lambda: not processes.exists(program), "the program is gone", 2)
 
+    def test_build_is_given_up(self, host, fifo):
+        vkahost = host(env={"MAKE_GATE": str(fifo)})
+        with open(fifo, "wb"):  # make has been called, and is held up
+            builder, = processes.children(vkahost.pid)
+            vkahost.signal(signal.SIGKILL)
+            assert vkahost.process.wait(10) == -signal.SIGKILL
+            wait_until(lambda: not processes.exists(builder), "the build's process is gone", 2)
+
     @pytest.mark.parametrize("connected", [False, True])
     def test_port_is_free_at_once(self, host, connected):
         port = free_port()

@@ -91,11 +91,22 @@ TEST_F(VKAClientAddConsole, doesNotReadTheClientWhileItsInputWaits) {
 }
 
 TEST_F(VKAClientAddConsole, keepsWhatTheHostHasPutIn) {
-    rfds = {hostsFd, slaveFd};
-    wfds = {hostsFd, masterFd};
-    add({true, false, true, false, false});
-    EXPECT_EQ(members(rfds), (std::set<int>{hostsFd, masterFd, slaveFd, connFd}));
-    EXPECT_EQ(members(wfds), (std::set<int>{hostsFd, masterFd}));
+    for (bool conn : {false, true}) {
+        rfds = {hostsFd, slaveFd};
+        wfds = {hostsFd, slaveFd};
+        add({conn, true, true, false, true});
+        EXPECT_EQ(members(rfds),
+                  (std::set<int>{hostsFd, slaveFd, masterFd, conn ? connFd : serverFd}));
+        EXPECT_EQ(members(wfds).count(hostsFd), 1u);
+        EXPECT_EQ(members(wfds).count(slaveFd), 1u);
+
+        rfds = {hostsFd, connFd};
+        wfds = {hostsFd, connFd};
+        add({conn, true, true, true, true});
+        EXPECT_EQ(members(rfds).count(hostsFd), 1u);
+        EXPECT_EQ(members(rfds).count(connFd), 1u);
+        EXPECT_EQ(members(wfds), (std::set<int>{hostsFd, masterFd, connFd}));
+    }
 }
 
 TEST_F(VKAClientAddConsole, takesDescriptorZeroForADescriptor) {

@@ -43,42 +43,46 @@ std::string lineWithPid(const std::string& message) {
     return pidLine("handleData", message);
 }
 
-const char twenty[] = "\x00\xff"
-                      "ABCDEFGHIJKLMNOPQR";
-const std::string twentyBytes(twenty, 20);
+const std::string twentyBytes("\x00\xff"
+                              "ABCDEFGHIJKLMNOPQR",
+                              20);
+
+/** The dump of twentyBytes under a prefix. */
+std::string twoRows(const std::string& prefix) {
+    return prefix + " 00 ff 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e\n" + prefix +
+           " 4f 50 51 52\n";
+}
 
 TEST_F(VKAClientRelayLog, ofReadingTheClient) {
-    const std::string told = line("read (5) data from fdConn=608 to bufConn2Child");
-    const std::string dump = "fdconn 68 65 6c 6c 6f\n";
+    const std::string told = line("read (20) data from fdConn=608 to bufConn2Child");
     expect(
         [](RelayAgent& agent) {
-            io.yield("hello");
+            io.yield(twentyBytes);
             agent.handle({fakeConn}, {});
         },
-        "", told, told + dump, dump);
+        "", told, told + twoRows("fdconn"), twoRows("fdconn"));
 }
 
 TEST_F(VKAClientRelayLog, ofReadingTheTerminal) {
     const std::string told = line("read (20) data from the PTY master=605 to bufChild2Conn");
-    const std::string dump = "master 00 ff 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e\n"
-                             "master 4f 50 51 52\n";
     expect(
         [](RelayAgent& agent) {
             io.yield(twentyBytes);
             agent.handle({fakeMaster}, {});
         },
-        "", told, told + dump, dump);
+        "", told, told + twoRows("master"), twoRows("master"));
 }
 
 TEST_F(VKAClientRelayLog, dumpsOnlyTheBytesOfThisRead) {
-    const std::string told = line("read (1) data from fdConn=608 to bufConn2Child");
+    const std::string told = line("read (5) data from fdConn=608 to bufConn2Child");
+    const std::string dump = "fdconn 68 65 6c 6c 6f\n";
     expect(
         [](RelayAgent& agent) {
             agent.bufConn2Child = toBytes("before");
-            io.yield("x");
+            io.yield("hello");
             agent.handle({fakeConn}, {});
         },
-        "", told, told + "fdconn 78\n", "fdconn 78\n");
+        "", told, told + dump, dump);
 }
 
 TEST_F(VKAClientRelayLog, ofWritingToTheClient) {
