@@ -78,7 +78,7 @@ def host(request, vkahost, tool_archive, fast_make, tmp_path):
     remove_program()
 
     def start(*options, archive=tool_archive, script="", fast=True, launcher=(), env=None, **popen):
-        command = [*launcher, vkahost, "-p0", "-w", tmp_path / "work", *options]
+        command = [*launcher, vkahost, "-p0", "-w", tmp_path / "wd", *options]
         if archive is not None:
             command.append(archive)
         environment = {**os.environ, "SCRIPT": script, **(fast_make if fast else {}), **(env or {})}
@@ -123,7 +123,7 @@ def old_program(host, marker):
 @pytest.fixture
 def old_sources(host, tmp_path):
     """Sources of an earlier build in the work directory of the test."""
-    path = tmp_path / "work" / "src" / "old.c"
+    path = tmp_path / "wd" / "src" / "old.c"
     path.parent.mkdir(parents=True)
     path.write_text("int old;\n")
     return path

@@ -102,7 +102,7 @@ def test_name_that_leads_outside(assert_refused, tmp_path, name):
 def test_name_that_only_looks_like_it_is_fine(host, tmp_path, name):
     vkahost = host(archive=pack(tmp_path / "x.zip", {**HELLO, name: "int x;\n"}), fast=False)
     assert vkahost.wait() == 7
-    assert (tmp_path / "work" / "src" / name).read_text() == "int x;\n"
+    assert (tmp_path / "wd" / "src" / name).read_text() == "int x;\n"
 
 
 def test_nothing_is_written_through_a_link(host, tmp_path):

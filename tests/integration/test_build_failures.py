@@ -75,7 +75,7 @@ def test_archive_without_sources(host, tmp_path, old_program):
 def test_build_after_a_failed_one(host, tmp_path):
     assert host(archive=pack(tmp_path / "x.zip", BROKEN), fast=False).wait() == 124
     assert host(archive=pack(tmp_path / "y.zip", HELLO), fast=False).wait() == 7
-    assert not (tmp_path / "work" / "src" / "broken.c").exists()
+    assert not (tmp_path / "wd" / "src" / "broken.c").exists()
 
 
 @pytest.mark.parametrize("number", ["KILL", "TERM", "SEGV", "PIPE"])
@@ -153,16 +153,16 @@ def test_port_in_use(host, tmp_path, old_sources, old_program):
 
 def test_work_directory_below_a_file(host, tmp_path, old_program):
     (tmp_path / "file").touch()
-    vkahost = host("-w", tmp_path / "file" / "work")
-    assert_failed(vkahost, "vkahost: create src dir %s/file/work/src: " % tmp_path, 125)
+    vkahost = host("-w", tmp_path / "file" / "wd")
+    assert_failed(vkahost, "vkahost: create src dir %s/file/wd/src: " % tmp_path, 125)
     assert old_program()
 
 
 def test_source_directory_that_is_a_file(host, tmp_path, old_program):
-    (tmp_path / "work").mkdir()
-    (tmp_path / "work" / "src").write_text("precious")
-    assert_failed(host(), "vkahost: create src dir %s/work/src: " % tmp_path, 125)
-    assert (tmp_path / "work" / "src").read_text() == "precious"
+    (tmp_path / "wd").mkdir()
+    (tmp_path / "wd" / "src").write_text("precious")
+    assert_failed(host(), "vkahost: create src dir %s/wd/src: " % tmp_path, 125)
+    assert (tmp_path / "wd" / "src").read_text() == "precious"
     assert old_program()
 
 
@@ -175,7 +175,7 @@ def in_mounts_of_its_own(script, *arguments):
 
 def test_work_directory_that_is_read_only(host, tmp_path, old_sources, old_program):
     script = 'mount --bind "$1" "$1"; mount -o remount,bind,ro "$1"'
-    vkahost = host(launcher=in_mounts_of_its_own(script, tmp_path / "work"))
+    vkahost = host(launcher=in_mounts_of_its_own(script, tmp_path / "wd"))
     assert_failed(vkahost, "Read-only file system", 125)
     assert old_sources.exists()
     assert old_program()
@@ -184,9 +184,9 @@ def test_work_directory_that_is_read_only(host, tmp_path, old_sources, old_progr
 def test_work_directory_that_cannot_be_created(host, tmp_path, old_program):
     script = 'mount --bind "$1" "$1"; mount -o remount,bind,ro "$1"'
     (tmp_path / "above").mkdir()
-    vkahost = host("-w", tmp_path / "above" / "work",
+    vkahost = host("-w", tmp_path / "above" / "wd",
                    launcher=in_mounts_of_its_own(script, tmp_path / "above"))
-    assert_failed(vkahost, "vkahost: create src dir %s/above/work/src: Read-only file system"
+    assert_failed(vkahost, "vkahost: create src dir %s/above/wd/src: Read-only file system"
                   % tmp_path, 125)
     assert old_program()
 
@@ -194,11 +194,11 @@ def test_work_directory_that_cannot_be_created(host, tmp_path, old_program):
 @pytest.mark.parametrize("size", ["16k", "64k"])
 def test_disk_that_is_full(host, tmp_path, old_program, size):
     """unzip must not wait for somebody who says whether to go on."""
-    (tmp_path / "work").mkdir()
+    (tmp_path / "wd").mkdir()
     sources = {**HELLO, "big.h": "/* %s */\n" % ("x" * 2000000)}
     vkahost = host(archive=pack(tmp_path / "x.zip", sources), fast=False, stdin=subprocess.PIPE,
                    launcher=in_mounts_of_its_own('mount -t tmpfs -o size=%s tmpfs "$1"' % size,
-                                                 tmp_path / "work"))
+                                                 tmp_path / "wd"))
     assert_failed(vkahost, "vkahost: build failed: ")
     assert old_program()
 

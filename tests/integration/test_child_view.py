@@ -4,6 +4,7 @@ import pytest
 
 import processes
 from clients import free_port
+from hosts import traced
 
 
 def test_arguments(host):
@@ -29,11 +30,12 @@ def test_terminal_has_the_size_asked_for(host, options, size):
     assert client.line() == size + " raw"
 
 
-def test_terminal_is_raw_from_the_first_instruction(host):
-    for _ in range(20):
-        vkahost = host(script="tty;exit 0")
-        assert vkahost.wait() == 0
-        assert vkahost.unfetched() == b"80x24 raw\n"
+def test_terminal_is_raw_before_the_program_starts(host):
+    """The host is slow with what it does to the terminal after the start."""
+    vkahost = host(**traced("-P", "/dev/ptmx", "-e", "inject=ioctl:delay_enter=300000"),
+                   script="tty;exit 0")
+    assert vkahost.wait() == 0
+    assert vkahost.unfetched() == b"80x24 raw\n"
 
 
 def test_descriptors_are_the_terminal_three_times(host):
@@ -70,7 +72,7 @@ def test_environment_is_inherited(host):
 
 def test_program_works_in_the_source_directory(host, tmp_path):
     client = host().client()
-    assert client.ask("link /proc/self/cwd") == str(tmp_path / "work" / "src")
+    assert client.ask("link /proc/self/cwd") == str(tmp_path / "wd" / "src")
 
 
 def test_program_is_a_child_of_the_host_and_has_no_controlling_terminal(host):
@@ -89,3 +91,11 @@ def test_end_of_a_program_that_took_the_terminal_as_its_controlling_one(host):
     vkahost = host(script="ctty;say hello;exit 7")
     assert vkahost.wait() == 7
     assert vkahost.unfetched() == b"hello\n"
+
+
+def test_program_goes_on_when_its_terminal_was_hung_up(host, fifo, marker):
+    vkahost = host(script="hangup;touch %s;gate %s;exit 7" % (marker, fifo))
+    processes.wait_until(marker.exists, "the terminal was hung up")
+    assert processes.busy_share(vkahost.pid) < 0.1
+    fifo.write_bytes(b"")
+    assert vkahost.wait() == 7

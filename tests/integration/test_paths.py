@@ -22,10 +22,10 @@ def test_relative_paths_start_where_the_host_was_started(host, tmp_path):
     start = tmp_path / "start"
     start.mkdir()
     pack(start / "hello.zip", HELLO)
-    vkahost = host("--workdir", "some/work", "--export=out.zip", archive="hello.zip", cwd=start,
+    vkahost = host("--workdir", "some/wd", "--export=out.zip", archive="hello.zip", cwd=start,
                    fast=False)
     assert_hello(vkahost)
-    assert (start / "some" / "work" / "src" / "hello.c").exists()
+    assert (start / "some" / "wd" / "src" / "hello.c").exists()
     assert zipfile.ZipFile(start / "out.zip").namelist() == ["hello.c"]
     assert sorted(path.name for path in start.iterdir()) == ["hello.zip", "out.zip", "some"]
 
@@ -44,7 +44,7 @@ def test_archive_and_its_directory_named(host, tmp_path, name):
     archive = pack(tmp_path / name / (name + ".zip"), HELLO)
     vkahost = host(archive=archive, script="exit 7")
     assert vkahost.wait() == 7
-    assert (tmp_path / "work" / "src" / "hello.c").read_text() == HELLO["hello.c"]
+    assert (tmp_path / "wd" / "src" / "hello.c").read_text() == HELLO["hello.c"]
     assert vkahost.errors() == ""
 
 

@@ -198,4 +198,4 @@ def test_umask_of_the_parent_is_kept(host, tmp_path, marker):
     assert host(launcher=["sh", "-c", 'umask 077; exec "$@"', "sh"],
                 script="touch %s;exit 7" % marker).wait() == 7
     assert marker.stat().st_mode & 0o777 == 0o600
-    assert (tmp_path / "work" / "src").stat().st_mode & 0o777 == 0o700
+    assert (tmp_path / "wd" / "src").stat().st_mode & 0o777 == 0o700

@@ -18,8 +18,9 @@ static_assert(!std::is_convertible<int, IOException>::value, "");
 static_assert(std::is_nothrow_destructible<IOException>::value, "");
 
 // Braces would build one implicitly were the constructor not explicit.
-IOException fromText(IOException e);
-template <typename Message, typename = decltype(fromText({0, std::declval<Message>()}))>
+typedef void (&Taker)(IOException);
+template <typename Message,
+          typename = decltype(std::declval<Taker>()({0, std::declval<Message>()}))>
 constexpr bool implicitlyFrom(int) {
     return true;
 }

@@ -12,6 +12,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -172,6 +173,18 @@ static void do_ctty(const char* unused) {
     check(ioctl(0, TIOCSCTTY, 0));
 }
 
+// A process that took the terminal as its controlling one ends, which hangs the terminal up.
+static void do_hangup(const char* unused) {
+    (void)unused;
+    const pid_t pid = fork();
+    check(pid);
+    if (pid == 0) {
+        do_ctty("");
+        _exit(0);
+    }
+    check(waitpid(pid, NULL, 0));
+}
+
 static void do_close(const char* unused) {
     (void)unused;
     for (int fd = 0; fd <= 2; ++fd)
@@ -213,11 +226,11 @@ static const struct {
     const char* name;
     void (*run)(const char*);
 } commands[] = {
-    {"argv", do_argv},     {"cat", do_cat},     {"close", do_close},   {"ctty", do_ctty},
-    {"echo", do_echo},     {"env", do_env},     {"exit", do_exit},     {"fds", do_fds},
-    {"flood", do_flood},   {"gate", do_gate},   {"ignore", do_ignore}, {"link", do_link},
-    {"orphan", do_orphan}, {"pid", do_pid},     {"raise", do_raise},   {"say", do_say},
-    {"sleep", do_sleep},   {"touch", do_touch}, {"tty", do_tty},
+    {"argv", do_argv},   {"cat", do_cat},       {"close", do_close},   {"ctty", do_ctty},
+    {"echo", do_echo},   {"env", do_env},       {"exit", do_exit},     {"fds", do_fds},
+    {"flood", do_flood}, {"gate", do_gate},     {"hangup", do_hangup}, {"ignore", do_ignore},
+    {"link", do_link},   {"orphan", do_orphan}, {"pid", do_pid},       {"raise", do_raise},
+    {"say", do_say},     {"sleep", do_sleep},   {"touch", do_touch},   {"tty", do_tty},
 };
 
 static void obey(char* line) {
