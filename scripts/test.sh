@@ -57,7 +57,8 @@ mkdir -p "$build_dir"
 build_dir=$(cd -- "$build_dir" && pwd -P)
 build_tree "$build_dir" "${arguments[@]}"
 
-in_sandbox() { "$tree/scripts/sandbox.sh" --keep "$build_dir" -- "${runner[@]}" "$@"; }
+# A background job starts with SIGINT ignored and would pass that on; the tests expect the usual.
+in_sandbox() { env --default-signal "$tree/scripts/sandbox.sh" --keep "$build_dir" -- "${runner[@]}" "$@"; }
 
 # ctest shows nothing of a program that passed, so a test skipped inside one is looked up in its log.
 run_unit_tests() {

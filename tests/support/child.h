@@ -2,12 +2,14 @@
 #ifndef TESTS_SUPPORT_CHILD_H
 #define TESTS_SUPPORT_CHILD_H
 
+#include "descriptors.h"
 #include "wait.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -45,6 +47,20 @@ public:
             _exit(code);
         }
         return Child(pid);
+    }
+
+    /** Starts a program with one argument and waits until it runs. */
+    static Child program(const char* path, const char* argv0, const char* argument) {
+        Pipe executed(O_CLOEXEC);
+        Child child = run([&] {
+            execl(path, argv0, argument, nullptr);
+            return 127;
+        });
+        executed.writeEnd.reset();
+        char byte;
+        while (read(executed.readEnd.get(), &byte, 1) == -1 && errno == EINTR) {
+        }
+        return child;
     }
 
     /** Forks a child that does nothing but wait for signals. */

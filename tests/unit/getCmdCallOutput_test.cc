@@ -94,6 +94,11 @@ uint64_t maskOfCommand(const std::string& field) {
                             : UINT64_MAX;
 }
 
+/** Another child of the host; a program, as a sanitizer's thread would delay its end. */
+Child sleeper() {
+    return Child::program("/bin/sleep", "sleep", "1000");
+}
+
 /** Shell text that waits until a process is a zombie or gone. */
 std::string awaitEndOf(pid_t pid) {
     return "while grep -q '^State:.[^Z]' /proc/" + std::to_string(pid) + "/status; do :; done; ";
@@ -402,7 +407,7 @@ TEST_F(GetCmdCallOutput, WorksWhileTheKernelReaps) {
 TEST_F(GetCmdCallOutput, LeavesNoZombieOfTheHostWhereTheKernelReaps) {
     for (int flags : {0, SA_NOCLDWAIT}) {
         const SignalAction action(SIGCHLD, flags == 0 ? SIG_IGN : SIG_DFL, flags);
-        Child other = Child::idle();
+        Child other = sleeper();
         const std::string id = std::to_string(other.id());
         EXPECT_THAT(outputOf("kill -9 " + id + "; " + awaitEndOf(other.id()) + "exit 8", 8 << 8),
                     IsEmpty());
@@ -412,7 +417,7 @@ TEST_F(GetCmdCallOutput, LeavesNoZombieOfTheHostWhereTheKernelReaps) {
 }
 
 TEST_F(GetCmdCallOutput, LeavesChildrenOfTheHostAloneOtherwise) {
-    Child other = Child::idle();
+    Child other = sleeper();
     const std::string id = std::to_string(other.id());
     outputOf("kill -9 " + id + "; " + awaitEndOf(other.id()));
     EXPECT_EQ(SIGKILL, other.wait());
@@ -422,7 +427,7 @@ TEST_F(GetCmdCallOutput, HandlerOfTheHostCannotTakeTheStatus) {
     const SignalAction action(SIGCHLD, reapAll, SA_RESTART);
     for (int code : {0, 9, 255}) {
         reapedCount = 0;
-        Child other = Child::idle();
+        Child other = sleeper();
         const std::string id = std::to_string(other.id());
         EXPECT_THAT(outputOf("kill -9 " + id + "; " + awaitEndOf(other.id()) + "echo x; exit " +
                                  std::to_string(code),
@@ -432,6 +437,19 @@ TEST_F(GetCmdCallOutput, HandlerOfTheHostCannotTakeTheStatus) {
         EXPECT_EQ(1, reapedCount) << "of the host's children only its own";
         EXPECT_EQ(other.release(), reaped[0]);
     }
+}
+
+TEST_F(GetCmdCallOutput, HandlerOfTheHostIsCalledAfterwards) {
+    static volatile sig_atomic_t calls;
+    calls = 0;
+    const SignalAction action(SIGCHLD, [](int) { calls = calls + 1; });
+    readFault.beforeCall(1, [] {
+        siginfo_t info; // the command has ended while its output is still to be read
+        waitid(P_ALL, 0, &info, WEXITED | WNOWAIT);
+        EXPECT_EQ(0, calls);
+    });
+    EXPECT_THAT(outputOf("echo x"), ElementsAre("x"));
+    EXPECT_EQ(1, calls);
 }
 
 TEST_F(GetCmdCallOutput, InterruptionsLoseNothing) {
