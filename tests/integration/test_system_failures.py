@@ -104,3 +104,14 @@ def test_options_that_a_connection_does_not_take(host):
     vkahost = host(**failing("setsockopt", "EINVAL", "2+"))
     assert vkahost.client().ask("say hello") == "hello"
     vkahost.error_line("vkahost: cannot set a socket option: Invalid argument")
+
+
+def test_program_goes_on_when_its_terminal_fails(host, fifo):
+    """EIO is what the kernel gives for a terminal that was hung up."""
+    vkahost = host(**failing("read", "EIO", path="/dev/ptmx"),
+                   script="say lost;gate %s;exit 7" % fifo)
+    with vkahost.client() as client:
+        fifo.write_bytes(b"")
+        assert client.receive_all() == b""
+    assert vkahost.wait() == 7
+    assert vkahost.errors() == ""
