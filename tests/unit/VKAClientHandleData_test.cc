@@ -225,30 +225,47 @@ TEST_F(VKAClientHandleData, replacesAClientWithoutClosingItWhenTheHostAsksForIt)
     EXPECT_EQ(agent.fdConn, newConn);
 }
 
-/** Ends the process as abort() does, but tells first in what state the agent is. */
+/** While it lives, abort() first tells in what state the agent is. */
 class LastWords {
 public:
     LastWords(const RelayAgent& _agent, const Log& _log) {
         agent = &_agent;
         log = &_log;
-        signal(SIGABRT, [](int) {
-            std::string words = "fdConn=" + std::to_string(agent->fdConn) +
-                                " master=" + std::to_string(agent->master) +
-                                " slave=" + std::to_string(agent->slave) +
-                                " input=" + std::to_string(agent->bufConn2Child.size()) +
-                                " chunks=" + std::to_string(agent->bufChild2Conn.size()) +
-                                " bufsize=" + std::to_string(agent->bufsize);
-            for (const std::string& call : io.calls)
-                words += ", " + call;
-            words += "\n" + log->out();
-            fprintf(stderr, "%s", words.c_str());
-        });
+    }
+    ~LastWords() { agent = nullptr; }
+
+    static void say() {
+        if (!agent)
+            return;
+        std::string words = "fdConn=" + std::to_string(agent->fdConn) +
+                            " master=" + std::to_string(agent->master) +
+                            " slave=" + std::to_string(agent->slave) +
+                            " input=" + std::to_string(agent->bufConn2Child.size()) +
+                            " chunks=" + std::to_string(agent->bufChild2Conn.size()) +
+                            " bufsize=" + std::to_string(agent->bufsize);
+        for (const std::string& call : io.calls)
+            words += ", " + call;
+        words += "\n" + log->out();
+        fprintf(stderr, "%s", words.c_str());
     }
 
 private:
-    static inline const RelayAgent* agent;
-    static inline const Log* log;
+    static inline const RelayAgent* agent = nullptr;
+    static inline const Log* log = nullptr;
 };
+
+} // namespace
+
+extern "C" {
+[[noreturn]] void __real_abort();
+[[noreturn]] void __wrap_abort();
+void __wrap_abort() {
+    LastWords::say();
+    __real_abort();
+}
+}
+
+namespace {
 
 void fillBuffers(RelayAgent& agent) {
     agent.bufConn2Child = toBytes("in");
