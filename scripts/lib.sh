@@ -15,7 +15,7 @@ export LC_ALL=C.UTF-8
     sandbox_packages=(mount python3)
     test_packages=(libgtest-dev libgmock-dev python3-pytest)
     test_packages+=(gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf ccache busybox-static)
-    test_packages+=(socat netcat-openbsd strace)
+    test_packages+=(socat netcat-openbsd strace iproute2 procps sysvinit-utils)
 }
 
 say() { printf '==> %s\n' "$*"; }
