@@ -218,8 +218,7 @@ void HostClient::serve(const FdSet& rfds, const FdSet& wfds) {
         otherWrites -= fdConn;
     }
     const bool accepting = otherReads.isActiveAndSet(fdServer);
-    relay(otherReads, otherWrites);
-    if (accepting)
+    if (relay(otherReads, otherWrites) && accepting)
         adoptClient();
     dropStuckClient();
 }
@@ -245,18 +244,21 @@ void HostClient::transferWithClient(bool reading, bool writing) {
     }
 }
 
-void HostClient::relay(const FdSet& rfds, const FdSet& wfds) {
+/** @return whether every step was done; otherwise those after the failed one were left out */
+bool HostClient::relay(const FdSet& rfds, const FdSet& wfds) {
     try {
         handleData(rfds, wfds);
+        return true;
     } catch (const IOException& err) {
         if (err.getError() == EAGAIN || err.getError() == EINTR)
-            return;
+            return false;
         if (fdConn != -1 && (eventsOf(fdConn, POLLIN) & (POLLERR | POLLHUP)) != 0)
             clientIsDeaf = true;
         else if (err.getError() == EIO)
             closeTerminal();
         else
             throw;
+        return false;
     }
 }
 

@@ -130,7 +130,7 @@ def test_client_that_stopped_reading_is_given_up(early_client):
 def test_signal_ends_the_wait_for_a_slow_client(early_client):
     vkahost, _ = early_client("-b16M", script="flood %d;exit 3" % (12 << 20), receive_buffer=4096)
     vkahost.line("vkahost: running, .*")
-    wait_until(lambda: not processes.running(), "the program has ended")
+    wait_until(lambda: not processes.children(vkahost.pid), "the host has seen the program's end")
     start = time.monotonic()
     vkahost.signal(signal.SIGTERM)
     assert vkahost.wait() in (3, 143)

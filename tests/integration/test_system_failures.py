@@ -1,12 +1,14 @@
 # SPDX-License-Identifier: MIT
 """Failures of the system's calls: a message and a status, or the host goes on."""
 import contextlib
+import os
+import signal
 import subprocess
 
 import pytest
 
 from hosts import Output, traced
-from processes import DEADLINE, busy_share
+from processes import DEADLINE, busy_share, stat, wait_until
 
 
 def failing(call, error, which=None, path=None):
@@ -106,12 +108,26 @@ def test_options_that_a_connection_does_not_take(host):
     vkahost.error_line("vkahost: cannot set a socket option: Invalid argument")
 
 
-def test_program_goes_on_when_its_terminal_fails(host, fifo):
+def test_program_goes_on_when_its_terminal_fails(host, fifo, marker):
     """EIO is what the kernel gives for a terminal that was hung up."""
     vkahost = host(**failing("read", "EIO", path="/dev/ptmx"),
-                   script="say lost;gate %s;exit 7" % fifo)
-    with vkahost.client() as client:
-        fifo.write_bytes(b"")
-        assert client.receive_all() == b""
+                   script="say lost;touch %s;gate %s;exit 7" % (marker, fifo))
+    wait_until(marker.exists, "the program has written")
+    assert busy_share(vkahost.pid) < 0.1
+    fifo.write_bytes(b"")
     assert vkahost.wait() == 7
+    assert vkahost.errors() == ""
+
+
+def test_client_is_accepted_though_the_terminal_fails_at_the_same_time(host, fifo, marker):
+    vkahost = host(**failing("read", "EIO", path="/dev/ptmx"),
+                   script="gate %s;say lost;touch %s;sleep" % (fifo, marker))
+    port = vkahost.port
+    with open(fifo, "wb"):  # the program waits
+        os.kill(vkahost.pid, signal.SIGSTOP)
+        wait_until(lambda: stat(vkahost.pid)[0] in "Tt", "the host is stopped")
+    wait_until(marker.exists, "the program has written")
+    vkahost.client(port=port)
+    os.kill(vkahost.pid, signal.SIGCONT)
+    vkahost.line("vkahost: client connected")
     assert vkahost.errors() == ""
