@@ -3,6 +3,7 @@
 import os
 import pathlib
 import pty
+import re
 import signal
 import subprocess
 import sys
@@ -118,12 +119,12 @@ def test_interrupt_key_arrives_exactly_once():
         while b"ready" not in shown:
             shown += os.read(terminal, 1000)
         os.write(terminal, b"\x03")
-        while b"interrupts:" not in shown:
+        while not re.search(rb"interrupts: \d+\r\n", shown):
             shown += os.read(terminal, 1000)
     finally:
         status = os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
         os.close(terminal)
-    assert b"interrupts: 1" in shown
+    assert b"interrupts: 1\r\n" in shown
     assert status == 9
 
 

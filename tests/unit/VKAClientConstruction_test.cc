@@ -59,7 +59,7 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
 int __real_bind(int fd, const sockaddr* addr, socklen_t size);
 int __wrap_bind(int fd, const sockaddr* addr, socklen_t size);
 int __wrap_bind(int fd, const sockaddr* addr, socklen_t size) {
-    calls.push_back(join("bind", {size}));
+    calls.push_back(join("bind", {static_cast<long>(size)}));
     return bindFault.hit() ? -1 : __real_bind(fd, addr, size);
 }
 
