@@ -2,13 +2,17 @@
 #ifndef TESTS_SUPPORT_TEMPDIR_H
 #define TESTS_SUPPORT_TEMPDIR_H
 
+#include <cstdint>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace vkatest {
 
@@ -59,6 +63,24 @@ inline std::string contentOf(const std::string& path) {
 inline bool exists(const std::string& path) {
     struct stat info;
     return lstat(path.c_str(), &info) == 0;
+}
+
+/**
+ * Gives what the path names dates beyond 2038, which 32 bits cannot count, also where this
+ * program's own time_t cannot. @return whether its file system keeps them
+ */
+inline bool setDatesBeyond2038(const std::string& path) {
+    const int64_t date = 4102444800; // 2100-01-01
+    const int64_t accessAndChange[] = {date, 0, date, 0};
+#ifdef SYS_utimensat_time64
+    const long number = SYS_utimensat_time64;
+#else
+    const long number = SYS_utimensat;
+#endif
+    struct statx info = {};
+    return syscall(number, AT_FDCWD, path.c_str(), accessAndChange, 0) == 0 &&
+           statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS, &info) == 0 &&
+           info.stx_atime.tv_sec == date && info.stx_mtime.tv_sec == date;
 }
 
 } // namespace vkatest

@@ -34,10 +34,21 @@
     VKA_WRAP(fault, int, stat64, (const char* path, struct stat* info), (path, info), -1)          \
     VKA_WRAP(fault, int, __stat64_time64, (const char* path, struct stat* info), (path, info), -1)
 
-#define VKA_WRAP_FSTAT(fault)                                                                      \
-    VKA_WRAP(fault, int, fstat, (int fd, struct stat* info), (fd, info), -1)                       \
-    VKA_WRAP(fault, int, fstat64, (int fd, struct stat* info), (fd, info), -1)                     \
-    VKA_WRAP(fault, int, __fstat64_time64, (int fd, struct stat* info), (fd, info), -1)
+/** What succeeds is handed to alter, a std::function<void(struct stat&)>, unless that is empty. */
+#define VKA_WRAP_FSTAT(fault, alter)                                                               \
+    VKA_WRAP_FSTAT_NAMED(fault, alter, fstat)                                                      \
+    VKA_WRAP_FSTAT_NAMED(fault, alter, fstat64)                                                    \
+    VKA_WRAP_FSTAT_NAMED(fault, alter, __fstat64_time64)
+#define VKA_WRAP_FSTAT_NAMED(fault, alter, name)                                                   \
+    extern "C" __attribute__((weak)) int __real_##name(int fd, struct stat* info);                 \
+    extern "C" int __wrap_##name(int fd, struct stat* info);                                       \
+    extern "C" int __wrap_##name(int fd, struct stat* info) {                                      \
+        if ((fault).hit() || __real_##name(fd, info) == -1)                                        \
+            return -1;                                                                             \
+        if (alter)                                                                                 \
+            (alter)(*info);                                                                        \
+        return 0;                                                                                  \
+    }
 
 #define VKA_WRAP_READ(fault)                                                                       \
     VKA_WRAP(fault, ssize_t, read, (int fd, void* buf, size_t n), (fd, buf, n), -1)                \

@@ -22,6 +22,7 @@
 #include <new>
 #include <optional>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 using namespace vkatest;
@@ -31,6 +32,7 @@ namespace {
 
 Fault dup2Fault, openFault, strdupFault;
 std::vector<std::string> calls; // of the agent, in this process
+std::string openName;           // the name by which open() was called last
 
 std::string call(const char* name, std::initializer_list<int> arguments) {
     std::string text = name;
@@ -72,6 +74,7 @@ char* __wrap_strdup(const char* text) noexcept {
         const mode_t mode = flags & O_CREAT ? va_arg(arguments, mode_t) : 0;                       \
         va_end(arguments);                                                                         \
         calls.push_back(call("open", {flags}));                                                    \
+        openName = #name;                                                                          \
         return openFault.hit() ? -1 : __real_##name(path, flags, mode);                            \
     }
 WRAP_OPEN(open)
@@ -177,6 +180,33 @@ TEST_F(VKAClientChild, hasTheLogFileAsOutputAndErrorAndTheHostsInput) {
         return testing::Test::HasFailure() ? 1 : 0;
     };
     EXPECT_EQ(run(), 0) << contentOf(dir / "log");
+}
+
+TEST_F(VKAClientChild, takesALogFileOfAnySize) {
+    for (off_t size : {off_t(1) << 31, off_t(1) << 32, off_t(5) << 30}) {
+        SCOPED_TRACE(size);
+        const TempDir dir;
+        const std::string log = dir.makeFile("log", "0123456789");
+        ASSERT_EQ(truncate(log.c_str(), size), 0);
+        logFile(log);
+        program = [&](const char*, char* const[]) {
+#ifdef __GLIBC__ // not every kernel refuses what was opened by the other names
+            if (sizeof(long) == 4 && openName.find("open64") == std::string::npos)
+                return 1;
+#endif
+            if (write(1, "out", 3) != 3 || lseek(1, 0, SEEK_END) != size)
+                return 2;
+            return write(2, "err", 3) == 3 && lseek(1, 0, SEEK_CUR) == size + 3 ? 0 : 3;
+        };
+        EXPECT_EQ(run(), 0);
+
+        const Fd fd(open(log.c_str(), O_RDONLY));
+        char start[11] = "", end[4] = "";
+        EXPECT_EQ(pread(fd.get(), start, 10, 0), 10);
+        EXPECT_STREQ(start, "out3456789");
+        EXPECT_EQ(pread(fd.get(), end, 4, size), 3);
+        EXPECT_STREQ(end, "err");
+    }
 }
 
 TEST_F(VKAClientChild, inheritsEveryDescriptorOfTheAgent) {

@@ -12,6 +12,8 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -29,6 +31,7 @@ namespace {
 
 std::vector<std::string> calls; // of the wrapped functions, in order
 unsigned long totalram = 0;     // what sysinfo() tells; 0: the truth
+unsigned int memUnit = 1;       // its unit, unless the truth is told
 Fault socketFault, setsockoptFault, bindFault, listenFault, openptFault;
 
 std::string join(const char* name, std::initializer_list<long> arguments) {
@@ -48,13 +51,18 @@ int __wrap_socket(int domain, int type, int protocol) {
     return socketFault.hit() ? -1 : __real_socket(domain, type, protocol);
 }
 
-int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
-    const int number = size == sizeof(int) ? *static_cast<const int*>(value) : -1;
-    calls.push_back(join("setsockopt", {level, name, number}));
-    return setsockoptFault.hit() ? -1 : __real_setsockopt(fd, level, name, value, size);
-}
+// setsockopt() goes by two names, depending on the size of time_t.
+#define WRAP_SETSOCKOPT(name)                                                                      \
+    __attribute__((weak)) int __real_##name(int fd, int level, int option, const void* value,      \
+                                            socklen_t size);                                       \
+    int __wrap_##name(int fd, int level, int option, const void* value, socklen_t size);           \
+    int __wrap_##name(int fd, int level, int option, const void* value, socklen_t size) {          \
+        const int number = size == sizeof(int) ? *static_cast<const int*>(value) : -1;             \
+        calls.push_back(join("setsockopt", {level, option, number}));                              \
+        return setsockoptFault.hit() ? -1 : __real_##name(fd, level, option, value, size);         \
+    }
+WRAP_SETSOCKOPT(setsockopt)
+WRAP_SETSOCKOPT(__setsockopt64)
 
 int __real_bind(int fd, const sockaddr* addr, socklen_t size);
 int __wrap_bind(int fd, const sockaddr* addr, socklen_t size);
@@ -84,7 +92,7 @@ int __wrap_sysinfo(struct sysinfo* info) noexcept {
     const int ret = __real_sysinfo(info);
     if (totalram != 0) {
         info->totalram = totalram;
-        info->mem_unit = 1;
+        info->mem_unit = memUnit;
     }
     return ret;
 }
@@ -97,6 +105,7 @@ protected:
     VKAClientConstruction() {
         calls.clear();
         totalram = 0;
+        memUnit = 1;
         for (Fault* fault :
              {&socketFault, &setsockoptFault, &bindFault, &listenFault, &openptFault})
             fault->disarm();
@@ -203,6 +212,31 @@ TEST_F(VKAClientConstruction, writesOneLineOutsideConsoleModeAtEveryLevel) {
         EXPECT_EQ(log.unlocked(), "");
         EXPECT_EQ(log.err(), "");
         EXPECT_EQ(agent.totalram, 123456789u);
+    }
+}
+
+TEST_F(VKAClientConstruction, writesTheMemoryInDecimalUpToTheHighestNumber) {
+    const bool wide = sizeof(size_t) > 4;
+    const struct {
+        unsigned long totalram;
+        unsigned int unit;
+        const char* text;
+    } rows[] = {
+        {2147483648, 1, "2147483648"},
+        {4294967295, 1, "4294967295"},
+        {1048575, 4096, "4294963200"},
+        {1048576, 4096, wide ? "4294967296" : "4294967295"},
+        {6170604, 4096, wide ? "25274793984" : "4294967295"},
+        {ULONG_MAX, 4096, wide ? "18446744073709551615" : "4294967295"},
+    };
+    for (const auto& row : rows) {
+        totalram = row.totalram;
+        memUnit = row.unit;
+        Log log;
+        const Agent agent("/w", false, SIZE_MAX, 0, "/log", 0);
+        EXPECT_EQ(log.out(), infoLine("VKAClient",
+                                      std::string("totalram=") + row.text + " joblimit=536870912"));
+        EXPECT_EQ(std::to_string(agent.totalram), row.text);
     }
 }
 

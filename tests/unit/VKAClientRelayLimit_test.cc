@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <random>
 
 using namespace vkatest;
@@ -153,6 +154,87 @@ TEST_F(VKAClientRelayLimit, mayBeMovedByADerivedClass) {
     agent.bufsize = 0;
     agent.childWrites(output(512));
     EXPECT_EQ(chunkSizes(agent), (sizes{512}));
+}
+
+TEST_F(VKAClientRelayLimit, isTakenFromConstructionInItsWholeRange) {
+    for (size_t bound : {size_t(INT32_MAX), size_t(INT32_MAX) + 1, size_t(UINT32_MAX), SIZE_MAX / 2,
+                         SIZE_MAX / 2 + 1, SIZE_MAX - 1, SIZE_MAX}) {
+        const RelayAgent agent(0, bound);
+        EXPECT_EQ(agent.maxbufsize, bound);
+        EXPECT_EQ(agent.bufsize, 0u);
+    }
+}
+
+/** The last bound is the highest below which a whole read still leaves room to count. */
+TEST_F(VKAClientRelayLimit, isKeptExactlyHoweverHighItIs) {
+    for (size_t bound : {size_t(INT32_MAX), size_t(INT32_MAX) + 1, size_t(UINT32_MAX) - 512,
+                         SIZE_MAX / 2, SIZE_MAX / 2 + 1, SIZE_MAX - 512}) {
+        SCOPED_TRACE(bound);
+        RelayAgent agent(0, bound);
+        agent.childWrites(output(100));
+        EXPECT_EQ(chunkSizes(agent), (sizes{100})) << "far below";
+        agent.bufsize = bound - 512; // all but these 100 fetched
+        agent.childWrites(output(512));
+        EXPECT_EQ(chunkSizes(agent), (sizes{100, 512})) << "exactly the bound";
+        EXPECT_EQ(agent.bufsize, bound);
+        agent.childWrites(output(1));
+        EXPECT_EQ(chunkSizes(agent), (sizes{512, 1})) << "one byte above it";
+        EXPECT_EQ(agent.bufsize, bound - 99);
+        agent.handle({}, {fakeConn});
+        agent.handle({}, {fakeConn});
+        EXPECT_EQ(agent.bufsize, bound - 99);
+        agent.childWrites(output(100));
+        EXPECT_TRUE(agent.bufChild2Conn.empty());
+        agent.childWrites(output(99));
+        EXPECT_EQ(chunkSizes(agent), (sizes{99}));
+        agent.handle({}, {fakeConn});
+        EXPECT_EQ(agent.bufsize, bound);
+        for (size_t size : {size_t(1), size_t(511), size_t(512)}) {
+            agent.childWrites(output(size));
+            EXPECT_TRUE(agent.bufChild2Conn.empty()) << size << " bytes";
+            EXPECT_EQ(agent.bufsize, bound);
+        }
+    }
+}
+
+TEST_F(VKAClientRelayLimit, isKeptUpToTheEndOfTheCount) {
+    RelayAgent agent(0, SIZE_MAX - 1);
+    agent.bufsize = SIZE_MAX - 512;
+    agent.childWrites(output(512)); // counted to SIZE_MAX
+    EXPECT_TRUE(agent.bufChild2Conn.empty());
+    EXPECT_EQ(agent.bufsize, SIZE_MAX - 512);
+    agent.childWrites(output(511));
+    EXPECT_EQ(chunkSizes(agent), (sizes{511}));
+    EXPECT_EQ(agent.bufsize, SIZE_MAX - 1);
+    agent.childWrites(output(1));
+    EXPECT_EQ(chunkSizes(agent), (sizes{1}));
+    EXPECT_EQ(agent.bufsize, SIZE_MAX - 511);
+}
+
+TEST_F(VKAClientRelayLimit, ofTheHighestNumberDropsNothing) {
+    RelayAgent agent(0, SIZE_MAX);
+    agent.childWrites(output(100));
+    agent.bufsize = SIZE_MAX - 512;
+    agent.childWrites(output(512));
+    EXPECT_EQ(agent.bufsize, SIZE_MAX);
+    EXPECT_EQ(chunkSizes(agent), (sizes{100, 512}));
+}
+
+/** The count has the width of a size_t and starts over, which only these bounds let happen. */
+TEST_F(VKAClientRelayLimit, withinOneReadOfTheHighestNumberIsCountedModulo) {
+    for (size_t below : {size_t(0), size_t(1), size_t(511)}) {
+        SCOPED_TRACE(below);
+        const size_t bound = SIZE_MAX - below;
+        RelayAgent agent(0, bound);
+        agent.childWrites(output(100));
+        agent.bufsize = bound;
+        agent.childWrites(output(512));
+        EXPECT_EQ(agent.bufsize, 511 - below);
+        EXPECT_EQ(chunkSizes(agent), (sizes{100, 512}));
+        agent.childWrites(output(512));
+        EXPECT_EQ(agent.bufsize, 1023 - below);
+        EXPECT_EQ(chunkSizes(agent), (sizes{100, 512, 512}));
+    }
 }
 
 /** Any mixture of reads, partial writes and full ones. */

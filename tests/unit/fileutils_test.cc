@@ -13,6 +13,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <type_traits>
+#include <unistd.h>
 
 using vkatest::Child;
 using vkatest::contentOf;
@@ -26,6 +27,9 @@ Fault mkdirFault, statFault;
 
 static_assert(std::is_same<const char, decltype(dirsep)>::value, "");
 static_assert(dirsep == '/', "");
+
+// In a 32-bit program, files above 2 GiB cannot be examined or opened otherwise.
+static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "");
 
 /** @return 0, or the errno of a failure */
 int errorOf(int result) {
@@ -99,6 +103,25 @@ TEST(IsDirectory, TellsWhyNot) {
     expectNoDirectory(ENAMETOOLONG, dir / std::string(300, 'x'));
 }
 
+TEST(IsDirectory, AnswersForFilesOfAnySize) {
+    const TempDir dir;
+    const std::string file = dir.makeFile("file");
+    for (off_t size : {off_t(1) << 31, off_t(1) << 32, off_t(5) << 30}) {
+        ASSERT_EQ(0, truncate(file.c_str(), size));
+        expectNoDirectory(ENOTDIR, file);
+    }
+}
+
+TEST(IsDirectory, AnswersForEveryDate) {
+    const TempDir dir;
+    const std::string sub = dir.makeDir("sub"), file = dir.makeFile("file");
+    for (const std::string& path : {sub, file})
+        ASSERT_TRUE(vkatest::setDatesBeyond2038(path)) << strerror(errno);
+    EXPECT_TRUE(isDirectory(sub)) << strerror(errno);
+    EXPECT_TRUE(isDirectory(sub.c_str())) << strerror(errno);
+    expectNoDirectory(ENOTDIR, file);
+}
+
 TEST(IsDirectory, KeepsTheReasonOfAFailedExamination) {
     const Disarm disarm(statFault);
     for (int err : {EACCES, EIO, ENOMEM}) {
@@ -129,6 +152,16 @@ TEST(MkdirPath, LeavesAnExistingDirectoryAsItIs) {
     EXPECT_EQ(0, mkdirPathError("//"));
     EXPECT_EQ(0711, modeOf(path));
     EXPECT_EQ("content", contentOf(path + "/file"));
+}
+
+TEST(MkdirPath, AcceptsDirectoriesOfEveryDate) {
+    const TempDir dir;
+    const std::string top = dir.makeDir("top"), sub = dir.makeDir("top/sub");
+    for (const std::string& path : {sub, top})
+        ASSERT_TRUE(vkatest::setDatesBeyond2038(path)) << strerror(errno);
+    EXPECT_EQ(0, mkdirPathError(sub));
+    EXPECT_EQ(0, mkdirPathError(sub + "/a/b"));
+    EXPECT_TRUE(isDirectory(sub + "/a/b"));
 }
 
 TEST(MkdirPath, AcceptsALinkToADirectory) {

@@ -13,12 +13,14 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <limits.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 using vkatest::Child;
 using vkatest::contentOf;
@@ -32,6 +34,7 @@ namespace {
 
 Fault openFault, openatFault, fstatFault, getdentsFault, unlinkFault;
 bool hideTypes = false; // as file systems do that keep no type in their directories
+std::function<void(struct stat&)> alterStat; // changes what fstat() tells
 
 /** All faults, each called under its name. */
 struct NamedFault {
@@ -113,6 +116,7 @@ protected:
         for (const NamedFault& entry : faults)
             entry.fault.disarm();
         hideTypes = false;
+        alterStat = nullptr;
         EXPECT_EQ(openBefore, openDescriptors()) << "descriptors left open";
     }
 
@@ -126,7 +130,7 @@ private:
 
 VKA_WRAP_OPEN(openFault)
 VKA_WRAP_OPENAT(openatFault)
-VKA_WRAP_FSTAT(fstatFault)
+VKA_WRAP_FSTAT(fstatFault, alterStat)
 VKA_WRAP(unlinkFault, int, unlinkat, (int fd, const char* path, int flags), (fd, path, flags), -1)
 
 extern "C" ssize_t __real_getdents64(int fd, void* buf, size_t size);
@@ -155,6 +159,39 @@ TEST_F(RmDir, EmptiesATree) {
     EXPECT_EQ(0, rmDirError(dir / "top"));
     EXPECT_TRUE(isEmptyDir(dir / "top"));
     EXPECT_EQ("content", contentOf(dir / "beside"));
+}
+
+TEST_F(RmDir, RemovesFilesOfAnySize) {
+    for (bool types : {true, false}) {
+        hideTypes = !types;
+        dir.makeDir("top/sub");
+        for (const char* name : {"top/file", "top/sub/file"}) {
+            for (off_t size : {off_t(1) << 31, off_t(1) << 32, off_t(5) << 30}) {
+                const std::string file = dir.makeFile(name + std::to_string(size));
+                ASSERT_EQ(0, truncate(file.c_str(), size));
+            }
+        }
+        EXPECT_EQ(0, rmDirError(dir / "top", true));
+        EXPECT_FALSE(exists(dir / "top"));
+    }
+}
+
+TEST_F(RmDir, RemovesWhatHasAnyDate) {
+    for (bool types : {true, false}) {
+        hideTypes = !types;
+        const std::string parent = types ? "typed" : "untyped";
+        makeTree(dir, parent + "/top");
+        for (const char* name : {"/top/file", "/top/a/b/c/f", "/top/a/b/c", "/top/a/b",
+                                 "/top/a/empty", "/top/a", "/top", ""}) {
+            ASSERT_TRUE(vkatest::setDatesBeyond2038(dir / (parent + name)))
+                << name << ": " << strerror(errno);
+        }
+        EXPECT_EQ(0, rmDirError(dir / (parent + "/top/a")));
+        EXPECT_EQ(0, rmDirError(dir / (parent + "/top"), true));
+        EXPECT_FALSE(exists(dir / (parent + "/top")));
+        EXPECT_EQ(0, rmDirError(dir / parent, true));
+        EXPECT_FALSE(exists(dir / parent));
+    }
 }
 
 TEST_F(RmDir, LeavesTheDirectoryItselfAsItIs) {
@@ -512,6 +549,22 @@ TEST_F(RmDir, StopsWhenAParentIsMovedElsewhere) {
     EXPECT_EQ(ESTALE, rmDirError(dir / "top"));
     EXPECT_EQ("content", contentOf(dir / "outside/file"));
     EXPECT_EQ("content", contentOf(dir / "outside/a/b/c/f"));
+}
+
+TEST_F(RmDir, TellsDirectoriesApartByTheirWholeInodeNumbers) {
+    static_assert(sizeof(ino_t) == 8, "");
+    alterStat = [](struct stat& info) { info.st_ino = info.st_ino << 32 | 1; };
+    makeTree(dir, "outside");
+    dir.makeDir("top/a/b/c");
+    openatFault.beforeCall(5, [&] { // top, a, b, c, and now back up from c
+        ASSERT_EQ(0, rename((dir / "top/a/b/c").c_str(), (dir / "outside/c").c_str()));
+    });
+    EXPECT_EQ(ESTALE, rmDirError(dir / "top"));
+    EXPECT_TRUE(exists(dir / "outside/c"));
+    EXPECT_TRUE(exists(dir / "top/a/b"));
+    EXPECT_EQ(0, rmDirError(dir / "top", true));
+    EXPECT_EQ(0, rmDirError(dir / "outside", true));
+    EXPECT_TRUE(isEmptyDir(dir.path()));
 }
 
 TEST_F(RmDir, DoesNotBlockOnAFifoThatTookTheDirectorysPlace) {
