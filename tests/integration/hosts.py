@@ -8,6 +8,8 @@ import threading
 import time
 import uuid
 
+import pytest
+
 import processes
 from clients import Client
 from processes import DEADLINE, wait_until
@@ -60,8 +62,14 @@ class Output:
             return bytes(self.data)
 
 
+def need_tracer():
+    if processes.EMULATED:
+        pytest.skip("under qemu-user nothing can be traced")
+
+
 def traced(*options, output="/dev/null"):
     """Arguments of the host fixture that start vkahost, but not its children, below strace."""
+    need_tracer()
     return {"launcher": ["strace", "-D", "-qq", "-o", output, *options],
             "env": {"ASAN_OPTIONS": "detect_leaks=0"}}  # leaks cannot be looked for meanwhile
 
@@ -149,7 +157,7 @@ class Host:
         if self.process.poll() is None:
             self.process.terminate()
             try:
-                status = self.process.wait(10)
+                status = self.process.wait(10 * processes.SLOWNESS)
                 if status != 128 + signal.SIGTERM:
                     complaints.append("SIGTERM at the end of the test gave status %d" % status)
             except subprocess.TimeoutExpired:
@@ -165,14 +173,16 @@ class Host:
         """What was sent SIGKILL by the kernel may take a moment to disappear."""
         complaints = []
         try:
-            wait_until(lambda: not self._leftovers(), "nothing is left running", 2)
+            wait_until(lambda: not self._leftovers(), "nothing is left running",
+                       2 * processes.SLOWNESS)
         except AssertionError:
             complaints.append("left running: %s" % processes.describe(self._leftovers()))
             for pid in self._leftovers():
                 os.kill(pid, signal.SIGKILL)
             wait_until(lambda: not self._leftovers(), "killed processes are gone")
         try:
-            wait_until(lambda: not processes.zombies(), "no zombie is left", 5)
+            wait_until(lambda: not processes.zombies(), "no zombie is left",
+                       5 * processes.SLOWNESS)
         except AssertionError:
             complaints.append("zombies: %s" % processes.describe(processes.zombies()))
         return complaints

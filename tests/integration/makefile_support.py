@@ -10,6 +10,8 @@ import time
 
 import pytest
 
+from processes import SLOWNESS
+
 MAKEFILE = pathlib.Path(__file__).resolve().parents[2] / "share/vka/Makefile"
 MACHINE = "-march=armv7-a -mfloat-abi=hard -mthumb -mabi=aapcs-linux"
 FPU = "-mfpu=vfpv3-d16"
@@ -30,7 +32,7 @@ VARIABLES = {
     "VKALDFLAGS": " -L/opt/quorvel/lib",
     "VKAMAKEFILE": "/opt/quorvel/share/vka/Makefile",
 }
-TIMEOUT = 120
+TIMEOUT = 120 * SLOWNESS
 
 
 def need(tool, package):

@@ -4,7 +4,10 @@ import os
 import time
 
 PROGRAM = "/tmp/vkabin"
-DEADLINE = 30  # seconds, for what takes far less unless it hangs
+SLOWNESS = float(os.environ.get("VKA_SLOWNESS", "1"))  # of this machine; an emulated one is slow
+# Processes run under qemu's user-mode emulation, which is no whole kernel.
+EMULATED = os.environ.get("VKA_EMULATOR") == "qemu-user"
+DEADLINE = 30 * SLOWNESS  # seconds, for what takes far less unless it hangs
 
 
 def wait_until(condition, what, deadline=DEADLINE):
@@ -51,17 +54,20 @@ def with_environment(entry):
     return [pid for pid in pids() if entry in read(pid, "environ").split("\0") and exists(pid)]
 
 
+def executable(pid):
+    """The path of the program that a process runs; empty when the process is gone."""
+    try:
+        path = os.readlink("/proc/%d/exe" % pid)
+    except OSError:
+        return ""
+    if "/qemu" in path:  # runs the program that its command line names
+        path = (read(pid, "cmdline").split("\0") + [""])[1]
+    return path.removesuffix(" (deleted)")
+
+
 def running(program=PROGRAM):
     """The processes that run a program, also one that was replaced since."""
-    found = []
-    for pid in pids():
-        try:
-            path = os.readlink("/proc/%d/exe" % pid)
-        except OSError:
-            continue
-        if path in (program, program + " (deleted)"):
-            found.append(pid)
-    return found
+    return [pid for pid in pids() if executable(pid) == program]
 
 
 def children(pid):

@@ -57,6 +57,7 @@ def test_descriptors_of_a_client_that_is_connected_are_not_inherited(host, fifo)
     assert [line.split()[0] for line in client.ask_lines("fds")] == ["0", "1", "2"]
 
 
+@pytest.mark.skipif(processes.EMULATED, reason="qemu-user handles signals for the program")
 def test_signals_are_at_their_defaults(host):
     client = host().client()
     lines = client.ask_lines("cat /proc/self/status")

@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from hosts import Output, traced
+from hosts import Output, need_tracer, traced
 from processes import DEADLINE, busy_share, stat, wait_until
 
 
@@ -60,6 +60,7 @@ def test_failing_accept_does_not_spin(host):
 @contextlib.contextmanager
 def disturbed(pid, injection):
     """Attaches strace to a process for a while."""
+    need_tracer()
     tracer = subprocess.Popen(["strace", "-p", str(pid), "-o", "/dev/null", "-e", injection],
                               stderr=subprocess.PIPE, bufsize=0)
     messages = Output(tracer.stderr)
