@@ -7,6 +7,7 @@
 #include <libqvio/IOException>
 #include <libqvutil/QVException>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -25,7 +26,7 @@ const int graceMs = 1000; // for commands of a stopped build to clean up
 /** The build failed, as opposed to the host. */
 class BuildFailure : public std::runtime_error {
 public:
-    explicit BuildFailure(const char* msg) : std::runtime_error(msg) {}
+    explicit BuildFailure(const std::string& msg) : std::runtime_error(msg) {}
 };
 
 /** Tells whether a file was replaced or written since. */
@@ -52,6 +53,31 @@ void print(const VKAClient::args_t& log) {
     std::cout.flush();
 }
 
+bool endsWith(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), std::string::npos, end) == 0;
+}
+
+/**
+ * Whether a line of a build's output comes of a lack of memory. The kernel then ends the compiler,
+ * which GCC and make report as a signal only; or the compiler itself is refused more.
+ */
+bool tellsOfLackingMemory(const std::string& line) {
+    const char* const reports[] = {"Killed signal terminated program ", "terminated with signal 9",
+                                   "out of memory allocating", "virtual memory exhausted",
+                                   "Cannot allocate memory"};
+    for (const char* report : reports)
+        if (line.find(report) != std::string::npos)
+            return true;
+    return line.compare(0, 5, "make:") == 0 && endsWith(line, "] Killed");
+}
+
+std::string likelyCause(const VKAClient::args_t& log) {
+    return std::any_of(log.begin(), log.end(), tellsOfLackingMemory)
+               ? ": the compiler has probably run out of memory"
+               : "";
+}
+
 void build(HostClient& client, const Options& options) {
     const char* program = "/tmp/vkabin";
     const FileMark old(program);
@@ -61,7 +87,7 @@ void build(HostClient& client, const Options& options) {
         client.build(archiveWord(options.archive), log, options.force);
     } catch (const QVException& err) {
         print(log);
-        throw BuildFailure(err.what());
+        throw BuildFailure(err.what() + likelyCause(log));
     } catch (...) {
         print(log);
         throw;
@@ -70,7 +96,7 @@ void build(HostClient& client, const Options& options) {
     // A make that was killed counts as success for the library.
     const FileMark built(program);
     if (!built.exists() || built == old)
-        throw BuildFailure("make ended without a new program");
+        throw BuildFailure("make ended without a new program" + likelyCause(log));
 }
 
 void exportSources(HostClient& client, const std::string& file) {

@@ -52,6 +52,45 @@ def test_sources_that_do_not_compile(host, tmp_path, old_program):
     assert old_program()
 
 
+LACK_OF_MEMORY = ": the compiler has probably run out of memory\n"
+
+
+@pytest.mark.parametrize("report", [
+    "gcc: fatal error: Killed signal terminated program cc1",
+    "collect2: fatal error: ld terminated with signal 9 [Killed]",
+    "cc1plus: out of memory allocating 65536 bytes after a total of 1 bytes",
+    "virtual memory exhausted: Cannot allocate memory",
+    "g++: fatal error: cannot execute 'cc1plus': vfork: Cannot allocate memory",
+    "make: *** [/opt/quorvel/share/vka/Makefile:190: .vkabuild/a.c.o] Killed",
+])
+def test_likely_lack_of_memory_is_named(making, report):
+    assert_failed(making("echo \"%s\"; exit 2" % report),
+                  "vkahost: build failed: make error" + LACK_OF_MEMORY)
+
+
+@pytest.mark.parametrize("line", ["a.c:1: error: Killed", "make: *** Killed by nobody",
+                                  "makeshift] Killed"])
+def test_lack_of_memory_is_not_named_without_a_report(making, line):
+    assert_failed(making("echo \"%s\"; exit 2" % line), "vkahost: build failed: make error\n")
+
+
+def test_lack_of_memory_is_named_when_make_ends_without_a_program(making):
+    assert_failed(making("echo \"g++: fatal error: Killed signal terminated program cc1plus\""),
+                  "vkahost: build failed: make ended without a new program" + LACK_OF_MEMORY)
+
+
+@pytest.mark.skipif(processes.EMULATED, reason="qemu-user needs all of the address space itself")
+def test_compiler_without_memory(host, tmp_path, old_program):
+    compiler = tmp_path / "gcc"
+    compiler.write_text("#!/bin/sh\ncase \" $* \" in *\" -c \"*) ulimit -v 150000;; esac\n"
+                        "exec gcc \"$@\"\n")
+    compiler.chmod(0o755)
+    sources = {"x.c": "int numbers[] = {%s};\nint main(void) { return 0; }\n" % ("1," * 2000000)}
+    vkahost = host(archive=pack(tmp_path / "x.zip", sources), fast=False, env={"CC": str(compiler)})
+    assert_failed(vkahost, "vkahost: build failed: make error" + LACK_OF_MEMORY)
+    assert old_program()
+
+
 def test_warnings_are_errors(host, tmp_path, old_program):
     sources = {"x.c": "int main(void) { int unused; return 0; }\n"}
     vkahost = host(archive=pack(tmp_path / "x.zip", sources), fast=False)
