@@ -11,7 +11,7 @@
 # shellcheck disable=SC2034 # used by the scripts that source this
 {
     device_packages=(g++-arm-linux-gnueabihf mmdebstrap arch-test qemu-user-static qemu-system-arm)
-    device_packages+=(e2fsprogs kmod cpio python3-pytest mount)
+    device_packages+=(e2fsprogs kmod cpio python3-pytest mount procps)
 }
 # What a device has, then what the tests call.
 root_packages=(make gcc g++ zip unzip ccache distcc)
