@@ -41,6 +41,7 @@ def test_closed_standard_descriptors_in_log_file_mode(host, tmp_path, closed):
     assert descriptors["0"] == "/dev/null"
 
 
+@pytest.mark.skipif(processes.EMULATED, reason="qemu-user handles signals for the program")
 @pytest.mark.parametrize("way", ["ignore", "block"])
 def test_signals_that_are_ignored_or_blocked(host, way):
     """They work for the host all the same, and the program starts with all at their defaults."""
