@@ -107,8 +107,12 @@ private:
         if (fd == -1) {
             if (errno == ENOENT)
                 return 0;
-            // Exchanged for something else meanwhile: that is removed, not followed.
-            return errno == ENOTDIR || errno == ELOOP ? removeFile(name.c_str()) : -1;
+            // Exchanged for something else meanwhile: that is removed, not followed. If it is a
+            // directory again, this is a race that we leave.
+            return (errno == ENOTDIR || errno == ELOOP) &&
+                           (unlinkat(here(), name.c_str(), 0) == 0 || errno == ENOENT)
+                       ? 0
+                       : -1;
         }
         Descriptor below(fd);
         struct stat info;

@@ -19,7 +19,8 @@ namespace {
 bool isUnreaped(pid_t pid) {
     siginfo_t info;
     return pid > 0 &&
-           waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+           (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 ||
+            errno != ECHILD);
 }
 
 int64_t nowMs() {
@@ -186,8 +187,8 @@ Proc::pidset_t Proc::stopChildren() {
     while (!children.empty()) {
         const int64_t left = deadline - nowMs();
         if (left <= 0) {
-            killChildren(SIGKILL);
-            waitChildren(true, nullptr);
+            // One that may not be killed, as it has become another user's, is not waited for.
+            waitChildren(killChildren(SIGKILL) == 0, nullptr);
             break;
         }
         awaitEnd(children, left, napMs);

@@ -740,6 +740,18 @@ TEST_F(ProcTest, KillChildrenTriesAllAndReportsTheFirstFailure) {
     stop();
 }
 
+TEST_F(ProcTest, StopDoesNotWaitForAChildThatMayNotBeKilled) {
+    const pid_t pid = start();
+    killFault.failAlways(EPERM);
+    const Stopwatch watch;
+    EXPECT_THAT(stop(), ElementsAre(pid));
+    EXPECT_GT(Proc::stopGraceMs + 3000, watch.ms());
+    EXPECT_TRUE(proc.hasChildren());
+    killFault.disarm();
+    stop();
+    EXPECT_FALSE(proc.hasChildren());
+}
+
 TEST_F(ProcTest, KillEndsTheProcessItStandsFor) {
     for (bool force : {false, true}) {
         Child child = Child::idle();

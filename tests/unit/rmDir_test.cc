@@ -517,6 +517,16 @@ TEST_F(RmDir, RemovesAFileThatTookTheDirectorysPlace) {
     EXPECT_TRUE(isEmptyDir(dir / "top"));
 }
 
+TEST_F(RmDir, StopsWhenADirectoryIsExchangedAgainAndAgain) {
+    dir.makeDir("top/sub");
+    openatFault.beforeCall(2, [&] {
+        ASSERT_EQ(0, rmdir((dir / "top/sub").c_str()));
+        dir.makeFile("top/sub");
+        unlinkFault.failAlways(EISDIR); // a directory again, each time that it is looked at
+    });
+    EXPECT_EQ(EISDIR, rmDirError(dir / "top"));
+}
+
 TEST_F(RmDir, RefusesALinkThatTookThePathsPlace) {
     makeTree(dir, "outside");
     dir.makeDir("top");
