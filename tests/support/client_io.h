@@ -19,9 +19,10 @@
 namespace vkatest {
 
 enum : int { fakeMaster = 605, fakeSlave = 606, fakeServer = 607, fakeConn = 608, newConn = 609 };
+const int lastConn = FD_SETSIZE - 1; // all from fakeConn on are clients
 
 inline bool isFake(int fd) {
-    return fd >= fakeMaster && fd <= newConn;
+    return fd >= fakeMaster && fd <= lastConn;
 }
 
 /** What the next transfers do, and what was done. */
@@ -35,6 +36,7 @@ struct Io {
     /** Results of writes: bytes taken, or a negative error number; empty: all are taken. */
     std::deque<ssize_t> writes;
     int accepted = newConn; // result of accept; a negative error number for -1
+    int interrupted = 0;    // accepts that a signal interrupts before
     bool closeFails = false;
 
     std::vector<std::string> calls;
@@ -136,6 +138,10 @@ int __wrap_accept(int fd, sockaddr* addr, socklen_t* size) {
     if (!isFake(fd))
         return __real_accept(fd, addr, size);
     io.calls.push_back("accept " + std::to_string(fd) + ' ' + std::to_string(*size));
+    if (io.interrupted > 0) {
+        --io.interrupted;
+        return static_cast<int>(result(EINTR));
+    }
     return io.accepted < 0 ? static_cast<int>(result(-io.accepted)) : io.accepted;
 }
 }
