@@ -16,7 +16,7 @@ inline jmp_buf* processEnd = nullptr; // where abort() goes instead of ending th
 /**
  * Calls a function that throws nothing. @return whether it called abort(), which comes back here
  *
- * What lives on the stack in between is not destroyed; the relay has nothing there that needs it.
+ * What lives on the stack in between is not destroyed: there must be nothing that needs it.
  */
 template <typename Function>
 bool endsProcess(const Function& function) {

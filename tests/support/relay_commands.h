@@ -59,11 +59,18 @@ inline std::string brief(const std::deque<byteVec_t>& chunks) {
     return briefList(chunks);
 }
 
+/** Ends the sequence with a report. */
+template <typename Actual, typename Expected>
+[[noreturn]] void fail(const std::string& what, const Actual& actual, const Expected& expected) {
+    const std::string difference =
+        what + "\n    is          " + brief(actual) + "\n    but must be " + brief(expected);
+    RC_FAIL(difference);
+}
+
 template <typename Actual, typename Expected>
 void expectEqual(const char* what, const Actual& actual, const Expected& expected) {
     if (!(actual == expected))
-        RC_FAIL(std::string(what) + "\n    is          " + brief(actual) + "\n    but must be " +
-                brief(expected));
+        fail(what, actual, expected);
 }
 
 inline bool sameBytes(const byteVec_t& actual, const std::string& expected) {
@@ -72,7 +79,7 @@ inline bool sameBytes(const byteVec_t& actual, const std::string& expected) {
 }
 inline void expectBytes(const char* what, const byteVec_t& actual, const std::string& expected) {
     if (!sameBytes(actual, expected))
-        expectEqual(what, std::string(actual.begin(), actual.end()), expected);
+        fail(what, std::string(actual.begin(), actual.end()), expected);
 }
 
 inline void expectState(const RelayAgent& agent, const RelayModel& model) {
@@ -83,8 +90,7 @@ inline void expectState(const RelayAgent& agent, const RelayModel& model) {
     expectBytes("bufConn2Child", agent.bufConn2Child, model.input);
     if (!std::equal(agent.bufChild2Conn.begin(), agent.bufChild2Conn.end(), model.output.begin(),
                     model.output.end(), sameBytes))
-        RC_FAIL("bufChild2Conn\n    is          " + brief(agent.bufChild2Conn) +
-                "\n    but must be " + brief(model.output));
+        fail("bufChild2Conn", agent.bufChild2Conn, model.output);
     expectEqual("bufsize", agent.bufsize, model.counted());
     expectEqual("maxbufsize", agent.maxbufsize, model.bound);
     expectEqual("debug", agent.debug, model.debug);
@@ -258,8 +264,13 @@ private:
         return model.handleData(rfds, wfds, world);
     }
     void act(const RelayModel& model, RelayAgent& agent, Seen&) const override {
-        const auto [rfds, wfds] = ready(model);
-        agent.handleData(toSet(rfds), toSet(wfds));
+        FdSet rfds, wfds; // plain values: the call may not come back
+        {
+            const auto sets = ready(model);
+            rfds = toSet(sets.first);
+            wfds = toSet(sets.second);
+        }
+        agent.handleData(rfds, wfds);
     }
 
     /** The sets as select() leaves them: in an obedient host a part of what the agent asks for. */

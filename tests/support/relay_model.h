@@ -23,9 +23,9 @@ struct Source {
 
     /** Bytes of which no two neighbours, rows or pages are alike. */
     std::string bytes() const {
-        std::string all;
+        std::string all(size, '\0');
         for (size_t i = 0; i < size; ++i)
-            all += static_cast<char>(first + 7 * i + i / 256);
+            all[i] = static_cast<char>(first + 7 * i + i / 256);
         return all;
     }
 };
@@ -170,7 +170,7 @@ private:
         if (!isSet(readable, relay.conn))
             return;
         const Source& source = world.clientSays;
-        read(relay.conn, source);
+        const std::string bytes = read(relay.conn, source);
         line(2, "read (" + result(source.err, source.size) +
                     ") data from fdConn=" + text(relay.conn) + " to bufConn2Child");
         throwIf(source.err, "cannot read from TCP port");
@@ -180,10 +180,10 @@ private:
             event("end: of the client's stream");
             return;
         }
-        dump("fdconn", source.bytes());
+        dump("fdconn", bytes);
         if (!relay.input.empty())
             event("input: added to what waits");
-        relay.input += source.bytes();
+        relay.input += bytes;
         if (relay.input.size() > 512)
             event("input: more than one read waits");
     }
@@ -217,7 +217,7 @@ private:
         if (!isSet(readable, relay.master))
             return;
         const Source& source = world.childSays;
-        read(relay.master, source);
+        const std::string bytes = read(relay.master, source);
         line(2, "read (" + result(source.err, source.size) +
                     ") data from the PTY master=" + text(relay.master) + " to bufChild2Conn");
         throwIf(source.err, "cannot read from PTTY");
@@ -227,9 +227,9 @@ private:
             event("end: of the terminal's stream");
             return;
         }
-        dump("master", source.bytes());
+        dump("master", bytes);
         const size_t before = relay.counted();
-        relay.output.push_back(source.bytes());
+        relay.output.push_back(bytes);
         if (relay.counted() < before)
             event("bound: count starts over");
         limitOutput();
@@ -303,9 +303,12 @@ private:
         throw Left();
     }
 
-    void read(int fd, const Source& source) {
+    /** @return the bytes that come, none for a failure */
+    std::string read(int fd, const Source& source) {
         call("read", fd, 512);
-        seen.io.reads.push_back({source.err != 0 ? "" : source.bytes(), source.err});
+        const std::string bytes = source.err != 0 ? "" : source.bytes();
+        seen.io.reads.push_back({bytes, source.err});
+        return bytes;
     }
 
     /** @return the bytes taken */

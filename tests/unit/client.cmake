@@ -19,6 +19,7 @@ vka_client_test(HandleData WRAP read write close accept abort)
 vka_client_test(RelayLimit WRAP read write close accept)
 vka_client_test(RelayLog WRAP read write close accept)
 vka_client_test(RelayModel LIBRARIES rapidcheck WRAP read write close accept abort)
+set_tests_properties(VKAClientRelayModel PROPERTIES TIMEOUT 600) # emulators and sanitizers
 vka_client_test(Relay WRAP write)
 vka_client_test(Make WRAP pipe2 posix_spawn waitpid)
 vka_client_test(Build WRAP mkdir unlinkat chdir posix_spawn sysinfo)
