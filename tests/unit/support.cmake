@@ -27,6 +27,7 @@ vka_test(FdSetMixed SOURCES FdSetUnchecked_test.cc FdSetDeath_test.cc)
 vka_test(fileutils SOURCES fileutils_test.cc WRAP mkdir ${wrap_stat})
 vka_test(rmDir SOURCES rmDir_test.cc
   WRAP ${wrap_open} ${wrap_openat} ${wrap_fstat} getdents64 unlinkat)
+vka_test(rmDirAttack SOURCES rmDirAttack_test.cc WRAP ${wrap_openat})
 vka_test(getCmdCallOutput SOURCES getCmdCallOutput_test.cc ${memory_faults}
   WRAP pipe2 posix_spawn posix_spawn_file_actions_init posix_spawnattr_init
        posix_spawn_file_actions_adddup2 ${wrap_read} waitpid)
