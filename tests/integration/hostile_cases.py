@@ -57,8 +57,10 @@ refused("up, by the second name before the data", 'mismatching "local" filename'
      Member("x.h", local_extra=unicode_name("x.h", "../pwned")))
 refused("absolute, by the second name before the data", 'mismatching "local" filename',
      Member("x.h", local_extra=unicode_name("x.h", PWNED)))
-refused("up, in the name before the data", 'mismatching "local" filename', Member("x.h", local_name="../pwned"))
-refused("absolute, in the name before the data", 'mismatching "local" filename', Member("x.h", local_name=PWNED))
+refused("up, in the name before the data", 'mismatching "local" filename',
+        Member("x.h", local_name="../pwned"))
+refused("absolute, in the name before the data", 'mismatching "local" filename',
+        Member("x.h", local_name=PWNED))
 # unzip leaves out some characters, and then what has become of "..".
 runs("up, in control characters", {"x.h": X}, Member(".\x01./x.h"))
 runs("up, in deleted characters", {"s": DIRECTORY, "s/x.h": X}, Member("s/.\x7f./.\x7f./x.h"))
@@ -195,5 +197,6 @@ put(BUILT, "64 bits", {"hello.c": RUN_IT}, True, zip64)
 
 MODES = {"block device": stat.S_IFBLK | 0o644, "character device": stat.S_IFCHR | 0o644,
          "FIFO": stat.S_IFIFO | 0o644, "socket": stat.S_IFSOCK | 0o644,
-         "program of its owner": stat.S_IFREG | 0o4755, "program of its group": stat.S_IFREG | 0o2755,
+         "program of its owner": stat.S_IFREG | 0o4755,
+         "program of its group": stat.S_IFREG | 0o2755,
          "sticky file": stat.S_IFREG | 0o1777, "no type": 0o644, "no permissions": stat.S_IFREG}
