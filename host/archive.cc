@@ -6,6 +6,7 @@
 #include <libqvutil/QVException>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -98,6 +99,10 @@ void checkArchive(const std::string& path) {
     if (!isFile)
         refuse(path, "not a file");
 
+    // The caller's own options might allow names that lead outside. What unzip leaves out of names
+    // can hide such a name from the look below, so its guard is needed.
+    unsetenv("UNZIP");
+    unsetenv("UNZIPOPT");
     const std::string word = archiveWord(path) + " 2>&1";
     lines_t names;
     if (!succeeds("unzip -Z1 " + word, names))

@@ -121,6 +121,15 @@ def test_damage_around_is_seen(victim, damage):
     assert surroundings("/tmp", PROGRAM) != before
 
 
+@pytest.mark.parametrize("variable", ["UNZIP", "UNZIPOPT"])
+@pytest.mark.parametrize("name", [
+    "up, in control characters", "up, in deleted characters", "up, in bytes that no text has"])
+def test_environment_cannot_allow_to_leave_the_source_directory(attack, tmp_path, variable, name):
+    files, _, archive = hostile_cases.BUILT[name]
+    assert attack(archive(), env={variable: "-:"}).process.returncode == 7
+    assert unpacked(tmp_path / "wd" / "src") == files
+
+
 def test_commands_in_vka_mk_run_while_building(attack, tmp_path):
     """Who trusts an archive enough to run it trusts it to build; this is no border."""
     archive = archive_of([Member("hello.c", hostile_cases.RUN_IT),
