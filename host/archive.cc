@@ -101,8 +101,8 @@ void checkArchive(const std::string& path) {
 
     // The caller's own options might allow names that lead outside. What unzip leaves out of names
     // can hide such a name from the look below, so its guard is needed.
-    unsetenv("UNZIP");
-    unsetenv("UNZIPOPT");
+    for (const char* variable : {"UNZIP", "UNZIPOPT", "ZIPINFO", "ZIPINFOOPT"})
+        unsetenv(variable);
     const std::string word = archiveWord(path) + " 2>&1";
     lines_t names;
     if (!succeeds("unzip -Z1 " + word, names))
