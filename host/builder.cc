@@ -33,7 +33,8 @@ public:
 class FileMark {
 public:
     explicit FileMark(const std::string& path) : info() {
-        if (stat(path.c_str(), &info) == -1)
+        // What belongs to somebody else was not made by this build, whoever touched it meanwhile.
+        if (stat(path.c_str(), &info) == -1 || info.st_uid != geteuid())
             info = {};
     }
     bool exists() const { return info.st_ino != 0; }

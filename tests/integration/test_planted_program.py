@@ -108,3 +108,17 @@ if os.geteuid() == 0:
         assert described(PROGRAM) == planted
         assert state(victim) == before
         assert [name for name in os.listdir("/tmp") if name.startswith("vkabin")] == ["vkabin"]
+
+    def test_program_that_another_user_touches_meanwhile_is_none_that_was_built(
+            host, victim, tmp_path):
+        shutil.copy(victim, PROGRAM)
+        os.chown(PROGRAM, OTHER, OTHER)
+        make = tmp_path / "bin" / "make"
+        make.parent.mkdir()
+        make.write_text("#!/bin/sh\ntouch %s; kill -KILL $PPID\n" % PROGRAM)
+        make.chmod(0o755)
+        before = state(victim)
+        vkahost = host(fast=False, env={"PATH": "%s:%s" % (make.parent, os.environ["PATH"])})
+        assert vkahost.wait() == 124
+        assert "make ended without a new program" in vkahost.errors()
+        assert state(victim) == before
