@@ -4,6 +4,7 @@
 #include <libqvio/IOException>
 #include <libqvutil/QVException>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -81,6 +82,20 @@ void prepareChild() {
     if (getppid() != starting.host || // the host died before the line above
         write(starting.report, &self, sizeof(self)) != sizeof(self))
         _exit(failedStartStatus);
+}
+
+/** The id that the child tells. @return -1 when it ended before */
+pid_t readId(int pipe) {
+    pid_t id;
+    size_t have = 0;
+    while (have < sizeof(id)) {
+        const ssize_t got = read(pipe, reinterpret_cast<char*>(&id) + have, sizeof(id) - have);
+        if (got > 0)
+            have += static_cast<size_t>(got);
+        else if (got == 0 || errno != EINTR)
+            return -1;
+    }
+    return id;
 }
 
 } // namespace
@@ -169,8 +184,7 @@ void HostClient::start() {
     }
     starting.host = -1;
     close(report[1]);
-    if (read(report[0], &child, sizeof(child)) != sizeof(child))
-        child = -1; // no child, or it was killed before it could tell
+    child = readId(report[0]); // -1: no child, or it was killed before it could tell
     close(report[0]);
     if (failure && !isExpected(failure))
         std::rethrow_exception(failure);
@@ -341,6 +355,7 @@ bool HostClient::childEnded(Ending& ending) const {
 
 void HostClient::deliver(Signals& signals) {
     const int64_t lastOutput = nowMs() + lastOutputMs;
+    int64_t lastTransfer = nowMs();
     while (true) {
         FdSet rfds;
         FdSet wfds;
@@ -355,14 +370,18 @@ void HostClient::deliver(Signals& signals) {
             if (nowMs() >= lastOutput)
                 rfds -= master; // a process that the child left behind goes on writing
         }
-        const int waitMs = fdConn != -1 && !bufChild2Conn.empty() ? slowClientMs : 0;
-        timeval timeout = {waitMs / 1000, 0};
+        int64_t waitMs = 0;
+        if (fdConn != -1 && !bufChild2Conn.empty())
+            waitMs = std::max<int64_t>(lastTransfer + slowClientMs - nowMs(), 0);
+        timeval timeout = {static_cast<time_t>(waitMs / 1000),
+                           static_cast<suseconds_t>(waitMs % 1000 * 1000)};
         const int ready = select(rfds.num(wfds), rfds.addr(), wfds.addr(), nullptr, &timeout);
         if (ready == -1 && errno == EINTR)
             continue;
         if (ready <= 0 || (rfds.isSet(signals.fd()) && signals.take() != 0))
             break;
         serve(rfds, wfds);
+        lastTransfer = nowMs();
     }
     if (fdConn != -1)
         closeClientGently();

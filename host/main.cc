@@ -36,10 +36,12 @@ int serveUntilEnd(HostClient& client, Signals& signals, Ending& ending) {
         const int ready = select(rfds.num(wfds), rfds.addr(), wfds.addr(), nullptr,
                                  waitMs < 0 ? nullptr : &timeout);
         const int err = errno;
-        if (ready == -1 && err == EINTR)
-            continue; // the signal can be read now
-        if (ready == -1)
+        if (ready == -1 && err != EINTR)
             throw IOException(err, "cannot wait for events");
+        if (ready == -1) { // what passes with time goes on, however often signals come
+            rfds.clear();
+            wfds.clear();
+        }
         client.serve(rfds, wfds);
         if (rfds.isSet(signals.fd())) {
             const int stopSignal = signals.take();
