@@ -6,6 +6,7 @@
 
 #include <libvka/client/VKAClient>
 #include <tests/support/fault.h>
+#include <tests/support/transfer.h>
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -48,7 +49,8 @@ inline void runHere(VKAClient& agent) {
 /** Exit code of a child that has ended or will, -1 if a signal killed it; leaves it unreaped. */
 inline int exitCodeOf(pid_t pid) {
     siginfo_t info = {};
-    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) == -1)
+    if (uninterrupted(
+            [&] { return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT); }) == -1)
         return -1;
     return info.si_code == CLD_EXITED ? info.si_status : -1;
 }

@@ -2,6 +2,8 @@
 #ifndef TESTS_SUPPORT_CLIENT_PROGRAM_H
 #define TESTS_SUPPORT_CLIENT_PROGRAM_H
 
+#include <tests/support/tempdir.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -24,7 +26,7 @@ public:
     /** A copy of an executable file. */
     static Program copyOf(const std::string& executable) {
         prepare();
-        std::filesystem::copy_file(std::filesystem::canonical(executable), path);
+        copyProgram(executable, path);
         return Program();
     }
     ~Program() { std::filesystem::remove(path); }

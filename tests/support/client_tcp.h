@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_CLIENT_TCP_H
 
 #include <tests/support/client_agent.h>
+#include <tests/support/transfer.h>
 #include <tests/support/wait.h>
 
 #include <arpa/inet.h>
@@ -23,7 +24,9 @@ public:
         socklen_t size = sizeof(addr);
         getsockname(agent.fdServer, reinterpret_cast<sockaddr*>(&addr), &size);
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == -1)
+        if (uninterrupted([&] {
+                return connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+            }) == -1)
             disconnect();
     }
     ~TcpClient() { disconnect(); }
@@ -32,8 +35,14 @@ public:
 
     bool connected() const { return fd != -1; }
     bool say(const std::string& bytes) {
-        return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(bytes.size());
+        for (size_t done = 0; done < bytes.size();) {
+            const ssize_t taken = uninterrupted(
+                [&] { return send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL); });
+            if (taken == -1)
+                return false;
+            done += static_cast<size_t>(taken);
+        }
+        return true;
     }
     /** What has arrived so far, besides what earlier calls returned. */
     std::string hear() {

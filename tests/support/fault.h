@@ -51,6 +51,9 @@ public:
         return true;
     }
 
+    /** Takes the last call back, which did not fail here. */
+    void forget() { --count; }
+
     /** What an armed call fails with, for functions that return their error number. */
     int number() const { return error; }
 

@@ -45,7 +45,7 @@ inline bool enterNamespaces(int flags) {
              write("/proc/self/gid_map", "0 " + gid + " 1");
     }
     if (ok && (flags & CLONE_NEWNS) != 0)
-        ok = mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+        ok = mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0;
     if (!ok)
         perror("cannot enter a namespace");
     return ok;

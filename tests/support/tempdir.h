@@ -59,6 +59,12 @@ inline std::string contentOf(const std::string& path) {
     return content.str();
 }
 
+/** Copies an executable file; unlike the library's own copying also when signals come. */
+inline void copyProgram(const std::string& from, const std::string& to) {
+    std::ofstream(to, std::ios::binary) << std::ifstream(from, std::ios::binary).rdbuf();
+    std::filesystem::permissions(to, std::filesystem::perms::owner_all);
+}
+
 /** Does the path name anything, a dangling link included? */
 inline bool exists(const std::string& path) {
     struct stat info;

@@ -4,6 +4,7 @@
 
 #include "fault.h"
 
+#include <cerrno>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -50,9 +51,21 @@
         return 0;                                                                                  \
     }
 
+/** A read that a signal interrupts does not count: it is made again. */
 #define VKA_WRAP_READ(fault)                                                                       \
-    VKA_WRAP(fault, ssize_t, read, (int fd, void* buf, size_t n), (fd, buf, n), -1)                \
-    VKA_WRAP(fault, ssize_t, __read_chk, (int fd, void* buf, size_t n, size_t room),               \
-             (fd, buf, n, room), -1)
+    VKA_WRAP_READ_NAMED(fault, read, (int fd, void* buf, size_t n), (fd, buf, n))                  \
+    VKA_WRAP_READ_NAMED(fault, __read_chk, (int fd, void* buf, size_t n, size_t room),             \
+                        (fd, buf, n, room))
+#define VKA_WRAP_READ_NAMED(fault, name, params, args)                                             \
+    extern "C" __attribute__((weak)) ssize_t __real_##name params;                                 \
+    extern "C" ssize_t __wrap_##name params;                                                       \
+    extern "C" ssize_t __wrap_##name params {                                                      \
+        if ((fault).hit())                                                                         \
+            return -1;                                                                             \
+        const ssize_t got = __real_##name args;                                                    \
+        if (got == -1 && errno == EINTR)                                                           \
+            (fault).forget();                                                                      \
+        return got;                                                                                \
+    }
 
 #endif

@@ -4,6 +4,7 @@
 #include "tests/support/child.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/tempdir.h"
+#include "tests/support/transfer.h"
 #include "tests/support/variants.h"
 
 #include <gmock/gmock.h>
@@ -34,7 +35,7 @@ class Program {
 public:
     explicit Program(const std::string& suffix = "")
         : name("vkt" + suffix + std::to_string(getpid())) {
-        std::filesystem::copy_file("/bin/sleep", path());
+        vkatest::copyProgram("/bin/sleep", path());
     }
     std::string path() const { return dir / name; }
 
@@ -56,11 +57,9 @@ private:
 /** The ids that a command prints. */
 Proc::pidset_t idsFrom(const std::string& cmd) {
     Proc::pidset_t ids;
-    FILE* file = popen(cmd.c_str(), "r");
-    int id;
-    while (fscanf(file, "%d", &id) == 1)
+    std::istringstream printed(vkatest::popenOf(cmd).second);
+    for (int id; printed >> id;)
         ids.insert(id);
-    pclose(file);
     return ids;
 }
 

@@ -5,6 +5,7 @@
 #include "tests/support/descriptors.h"
 #include "tests/support/memory.h"
 #include "tests/support/signals.h"
+#include "tests/support/transfer.h"
 #include "tests/support/wait.h"
 
 #include <gmock/gmock.h>
@@ -51,6 +52,11 @@ static_assert(std::is_copy_assignable<Proc>::value, "");
 int idle() {
     while (true)
         pause();
+}
+
+/** Sleeps on when a signal comes. */
+void sleepMs(int ms) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
 void ignoreTerm() {
@@ -140,7 +146,7 @@ protected:
     /** Reaps a child behind the object's back. */
     void reapElsewhere(pid_t pid) {
         ::kill(pid, SIGKILL);
-        EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+        EXPECT_EQ(pid, vkatest::uninterrupted([&] { return waitpid(pid, nullptr, 0); }));
     }
     pidset_t stop() {
         sent.clear();
@@ -377,7 +383,7 @@ TEST_P(ProcWaiting, WaitChildReapsTheLowestThatHasEnded) {
 TEST_P(ProcWaiting, WaitChildWaitsForAnyWithoutUsingTheProcessor) {
     const pid_t running = start();
     const pid_t ending = start([] {
-        usleep(700000);
+        sleepMs(700);
         return 0;
     });
     const Stopwatch watch;
@@ -451,7 +457,7 @@ TEST_F(ProcTest, WaitChildrenWaitsUntilAllHaveEnded) {
     pidset_t expected, pids;
     for (int i = 0; i < 2; ++i) {
         expected.insert(start([] {
-            usleep(300000);
+            sleepMs(300);
             return 0;
         }));
         expected.insert(start([] { return 0; }));
@@ -558,7 +564,7 @@ TEST_P(ProcWaiting, StopGivesTheChildTimeToEndByItself) {
     said = vkatest::Pipe();
     const pid_t pid = start(idle, [] {
         signal(SIGTERM, [](int) {
-            usleep(500000);
+            sleepMs(500);
             _exit(write(said.writeEnd.get(), "bye", 3) == 3 ? 0 : 1);
         });
     });
@@ -567,8 +573,7 @@ TEST_P(ProcWaiting, StopGivesTheChildTimeToEndByItself) {
     EXPECT_GE(watch.ms(), 500);
     EXPECT_LT(watch.ms(), 500 + promptMs);
     said.writeEnd.reset();
-    char buf[4] = "";
-    EXPECT_EQ(3, read(said.readEnd.get(), buf, 3));
+    EXPECT_EQ("bye", vkatest::readAll(said.readEnd.get(), 4));
     said.readEnd.reset();
 }
 
@@ -671,7 +676,7 @@ TEST_P(ProcWaiting, InterruptionsNeitherEndNorStretchTheGrace) {
 
 TEST_P(ProcWaiting, InterruptionsDoNotEndBlockingWaits) {
     const auto later = [] {
-        usleep(200000);
+        sleepMs(200);
         return 0;
     };
     const vkatest::Ticker ticker;

@@ -279,6 +279,10 @@ struct Failure {
     size_t logged;
 };
 
+void PrintTo(const Failure& failure, std::ostream* os) {
+    *os << failure.message;
+}
+
 class VKAClientBuildFailure : public VKAClientBuild, public testing::WithParamInterface<Failure> {};
 
 TEST_P(VKAClientBuildFailure, isThrownWithItsNumber) {

@@ -344,6 +344,10 @@ struct Failure {
     const char* message;
 };
 
+void PrintTo(const Failure& failure, std::ostream* os) {
+    *os << failure.message;
+}
+
 class VKAClientChildFailure : public VKAClientChild, public testing::WithParamInterface<Failure> {};
 
 TEST_P(VKAClientChildFailure, leavesRunInTheChildWithItsConsoleClosed) {

@@ -316,6 +316,10 @@ struct Failure {
     size_t leaked;
 };
 
+void PrintTo(const Failure& failure, std::ostream* os) {
+    *os << failure.call;
+}
+
 class VKAClientConstructionFailure : public VKAClientConstruction,
                                      public testing::WithParamInterface<Failure> {};
 

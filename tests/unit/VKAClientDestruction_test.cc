@@ -160,7 +160,8 @@ TEST_F(VKAClientDestruction, stopsTheChildBeforeAnythingElse) {
     ASSERT_FALSE(events.empty());
     EXPECT_EQ(events.front(), "kill " + std::to_string(SIGTERM));
     EXPECT_EQ(log.out(), pidLine("~VKAClient", ": close master=-1 slave=-1 fdServer=-1 fdConn=-1"));
-    EXPECT_NE(waitid(P_PID, static_cast<id_t>(pid), nullptr, WEXITED | WNOHANG | WNOWAIT), 0)
+    siginfo_t info;
+    EXPECT_NE(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT), 0)
         << "the child is still there";
 }
 

@@ -6,6 +6,7 @@
 #include <tests/support/client_log.h>
 #include <tests/support/fault.h>
 #include <tests/support/tempdir.h>
+#include <tests/support/transfer.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -79,13 +80,7 @@ class VKAClientGetSources : public SourceDirectoryTest {
 protected:
     /** Names in an archive, one a line, sorted. */
     static std::string listing(const std::string& archive) {
-        std::string names;
-        FILE* const list = popen(("unzip -Z1 " + archive + " | LC_ALL=C sort").c_str(), "r");
-        for (int c; list && (c = fgetc(list)) != EOF;)
-            names += static_cast<char>(c);
-        if (list)
-            pclose(list);
-        return names;
+        return popenOf("unzip -Z1 " + archive + " | LC_ALL=C sort").second;
     }
 
     std::string archive = dir / "out.zip";

@@ -6,6 +6,7 @@
 #include "tests/support/memory.h"
 #include "tests/support/signals.h"
 #include "tests/support/tempdir.h"
+#include "tests/support/transfer.h"
 #include "tests/support/variants.h"
 
 #include <gmock/gmock.h>
@@ -40,16 +41,6 @@ lines_t outputOf(const std::string& cmd, int expectedStatus = 0) {
     lines_t output;
     EXPECT_EQ(expectedStatus, getCmdCallOutput(cmd, output, false));
     return output;
-}
-
-/** The same through popen(). */
-std::pair<int, std::string> popenOf(const char* cmd) {
-    std::string bytes;
-    FILE* file = popen(cmd, "r");
-    char buf[4096];
-    while (const size_t got = fread(buf, 1, sizeof(buf), file))
-        bytes.append(buf, got);
-    return std::make_pair(pclose(file), bytes);
 }
 
 /** What splits at line feeds, made another way. */
@@ -166,10 +157,10 @@ VKA_WRAP(attrFault, int, posix_spawnattr_init, (posix_spawnattr_t * attr), (attr
 VKA_WRAP(dupFault, int, posix_spawn_file_actions_adddup2,
          (posix_spawn_file_actions_t * actions, int from, int to), (actions, from, to),
          dupFault.number())
-VKA_WRAP(readFault, ssize_t, read, (int fd, void* buf, size_t n), (fd, buf, std::min(n, readLimit)),
-         -1)
-VKA_WRAP(readFault, ssize_t, __read_chk, (int fd, void* buf, size_t n, size_t room),
-         (fd, buf, std::min(n, readLimit), room), -1)
+VKA_WRAP_READ_NAMED(readFault, read, (int fd, void* buf, size_t n),
+                    (fd, buf, std::min(n, readLimit)))
+VKA_WRAP_READ_NAMED(readFault, __read_chk, (int fd, void* buf, size_t n, size_t room),
+                    (fd, buf, std::min(n, readLimit), room))
 VKA_WRAP(waitFault, pid_t, waitpid, (pid_t pid, int* status, int flags), (pid, status, flags), -1)
 
 TEST_F(GetCmdCallOutput, DropsEmptyLinesIfTold) {
@@ -252,7 +243,7 @@ TEST_F(GetCmdCallOutput, DoesAsPopenDoes) {
           "cat < /dev/null", "seq 5 | while read n; do echo \"<$n>\"; done", "(exit 4) | cat",
           "kill -9 $$"}) {
         SCOPED_TRACE(cmd);
-        const std::pair<int, std::string> expected = popenOf(cmd);
+        const std::pair<int, std::string> expected = vkatest::popenOf(cmd);
         lines_t output;
         EXPECT_EQ(expected.first, getCmdCallOutput(cmd, output, false));
         EXPECT_EQ(split(expected.second, false), output);

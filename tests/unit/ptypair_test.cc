@@ -4,6 +4,7 @@
 #include "tests/support/child.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/transfer.h"
 #include "tests/support/variants.h"
 
 #include <gtest/gtest.h>
@@ -35,19 +36,6 @@ struct Pair {
     int result;
     Fd master, slave;
 };
-
-/** Reads until so many bytes are there. */
-std::string readFrom(int fd, size_t size) {
-    std::string bytes;
-    char buf[256];
-    while (bytes.size() < size) {
-        const ssize_t got = read(fd, buf, std::min(sizeof(buf), size - bytes.size()));
-        if (got <= 0)
-            break;
-        bytes.append(buf, static_cast<size_t>(got));
-    }
-    return bytes;
-}
 
 class OpenPtyPair : public testing::Test {
 protected:
@@ -94,12 +82,11 @@ TEST_F(OpenPtyPair, BytesTravelBothWays) {
     std::string bytes;
     for (int value = 0; value < 256; ++value)
         bytes.push_back(static_cast<char>(value));
-    const ssize_t size = static_cast<ssize_t>(bytes.size());
 
-    ASSERT_EQ(size, write(pair.master.get(), bytes.data(), bytes.size()));
-    EXPECT_EQ(bytes, readFrom(pair.slave.get(), bytes.size()));
-    ASSERT_EQ(size, write(pair.slave.get(), bytes.data(), bytes.size()));
-    EXPECT_EQ(bytes, readFrom(pair.master.get(), bytes.size()));
+    ASSERT_TRUE(vkatest::writeAll(pair.master.get(), bytes));
+    EXPECT_EQ(bytes, vkatest::readAll(pair.slave.get(), bytes.size()));
+    ASSERT_TRUE(vkatest::writeAll(pair.slave.get(), bytes));
+    EXPECT_EQ(bytes, vkatest::readAll(pair.master.get(), bytes.size()));
 }
 
 TEST_F(OpenPtyPair, AttributesAreTheKernelsDefaults) {
