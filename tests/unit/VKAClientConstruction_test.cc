@@ -6,6 +6,7 @@
 #include <tests/support/descriptors.h>
 #include <tests/support/fault.h>
 #include <tests/support/tempdir.h>
+#include <tests/support/transfer.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -270,7 +271,11 @@ TEST_F(VKAClientConstruction, listensForClientsOnEveryLocalAddress) {
     sockaddr_in loopback = addr;
     loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const Fd client(__real_socket(AF_INET, SOCK_STREAM, 0));
-    EXPECT_EQ(connect(client.get(), reinterpret_cast<sockaddr*>(&loopback), sizeof(loopback)), 0);
+    EXPECT_EQ(uninterrupted([&] {
+                  return connect(client.get(), reinterpret_cast<sockaddr*>(&loopback),
+                                 sizeof(loopback));
+              }),
+              0);
 }
 
 TEST_F(VKAClientConstruction, listensOnThePortItWasGiven) {

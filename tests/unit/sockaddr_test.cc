@@ -7,6 +7,7 @@
 #include "tests/support/descriptors.h"
 #include "tests/support/fault.h"
 #include "tests/support/signals.h"
+#include "tests/support/transfer.h"
 #include "tests/support/wait.h"
 
 #include <gmock/gmock.h>
@@ -75,7 +76,10 @@ struct Listener {
     }
     Fd connectClient() const {
         Fd client = tcpSocket();
-        EXPECT_EQ(0, connect(client.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)));
+        EXPECT_EQ(0, vkatest::uninterrupted([&] {
+                      return connect(client.get(), reinterpret_cast<const sockaddr*>(&addr),
+                                     sizeof(addr));
+                  }));
         return client;
     }
     Fd fd;
