@@ -103,7 +103,7 @@ pid_t readId(int pipe) {
 HostClient::HostClient(const Options& options)
     : VKAClient(options.workdir.c_str(), options.logfile.empty(), options.maxbufsize, options.port,
                 options.logfile, options.debug),
-      child(-1), acceptFailed(false), clientIsDeaf(false), waitingInput(0), waitingSince(0) {
+      child(-1), acceptAgainAt(0), clientIsDeaf(false), waitingInput(0), waitingSince(0) {
     const int err = pthread_atfork(nullptr, nullptr, prepareChild);
     if (err != 0)
         throw IOException(err, "cannot prepare for starting programs");
@@ -151,6 +151,14 @@ in_port_t HostClient::listeningPort() const {
         throw IOException(err, "cannot get the port");
     }
     return ntohs(addr.sin_port);
+}
+
+void HostClient::releaseConsole() {
+    for (int* fd : {&fdServer, &master, &slave}) {
+        if (*fd != -1)
+            close(*fd);
+        *fd = -1;
+    }
 }
 
 void HostClient::start() {
@@ -210,10 +218,10 @@ int HostClient::watch(FdSet& rfds, FdSet& wfds) {
     addConsole(rfds, wfds);
     if (clientIsDeaf)
         wfds -= fdConn;
-    if (acceptFailed) {
-        acceptFailed = false;
+    const int64_t pauseMs = acceptAgainAt - nowMs();
+    if (pauseMs > 0 && fdConn == -1) {
         rfds -= fdServer;
-        return acceptPauseMs;
+        return static_cast<int>(pauseMs);
     }
     // A client whose input waits for the child is not read, so its hanging up must be looked for.
     return fdConn != -1 && !bufConn2Child.empty() ? 1000 : -1;
@@ -282,7 +290,7 @@ void HostClient::adoptClient() {
         if (err == EAGAIN) // the client is gone already
             return;
         std::cerr << "vkahost: cannot accept a client: " << strerror(err) << std::endl;
-        acceptFailed = true;
+        acceptAgainAt = nowMs() + acceptPauseMs;
         return;
     }
     if (fdConn >= FD_SETSIZE) {

@@ -126,6 +126,7 @@ int buildStatus(HostClient& client, const Options& options) {
 
 pid_t startBuild(HostClient& client, const Options& options) {
     std::cout.flush();
+    const pid_t host = getpid();
     const pid_t builder = fork();
     const int err = errno;
     if (builder == -1)
@@ -133,7 +134,10 @@ pid_t startBuild(HostClient& client, const Options& options) {
     if (builder == 0) {
         Signals::resetInChild();
         prctl(PR_SET_PDEATHSIG, SIGKILL); // a crashed host does not go on building
+        if (getppid() != host)            // it died before the line above
+            _exit(hostFailedStatus);
         setsid();
+        client.releaseConsole();
         const int null = open("/dev/null", O_RDONLY);
         dup2(null, STDIN_FILENO);
         const int status = buildStatus(client, options);

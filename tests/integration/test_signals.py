@@ -10,6 +10,7 @@ import pytest
 import processes
 from archives import pack
 from clients import free_port
+from hosts import traced
 from processes import wait_until
 
 LEAVE = """
@@ -160,6 +161,16 @@ class TestKilledHost:
             vkahost.signal(signal.SIGKILL)
             assert vkahost.process.wait(10) == -signal.SIGKILL
             wait_until(lambda: not processes.exists(builder), "the build's process is gone", 2)
+
+    def test_build_is_not_begun_when_the_host_died_before(self, host):
+        """The build's process is held up where it asks for a signal at the host's death."""
+        vkahost = host(**traced("-f", "-e", "inject=prctl:delay_enter=500000"))
+        vkahost.line(r"\[INFO\] VKAClient::VKAClient\(\) .*")
+        builder, = wait_until(lambda: processes.children(vkahost.pid), "the build is started")
+        vkahost.signal(signal.SIGKILL)
+        assert vkahost.process.wait(10) == -signal.SIGKILL
+        wait_until(lambda: not processes.exists(builder), "the build's process is gone", 5)
+        assert "call: unzip" not in vkahost.out.whole().decode()
 
     @pytest.mark.parametrize("connected", [False, True])
     def test_port_is_free_at_once(self, host, connected):
