@@ -43,6 +43,7 @@ private:
 class TreeRemover {
 public:
     /** @param root open directory to empty; stays the caller's */
+    // cppcheck-suppress uninitMemberVar ; entries is filled before it is read
     explicit TreeRemover(int root) : top(root), current(-1), device(), way() {}
 
     /** @return 0, or -1 with errno */
