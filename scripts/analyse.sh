@@ -66,8 +66,9 @@ analyse() {
     local name=$1 log=$build_dir/$1.log status=0 findings
     shift
     "$@" >"$log" 2>&1 || status=$?
-    findings=$(grep -E '^[^ ]+:[0-9]+:[0-9]+: (error|warning|performance|portability|style):' \
-        "$log" | sort -u | wc -l)
+    findings=$(sort -u "$log" |
+        grep -c -E '^[^ ]+:[0-9]+:[0-9]+: (error|warning|performance|portability|style):') ||
+        [ $? = 1 ] # there are none
     if [ "$status" != 0 ] || [ "$findings" != 0 ]; then
         cat "$log"
         failed=1
