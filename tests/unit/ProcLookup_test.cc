@@ -29,6 +29,7 @@ using vkatest::TempDir;
 namespace {
 
 Fault opendirFault, readlinkFault, openFault, readFault;
+std::string executable; // what every link to a process's executable says, unless empty
 
 /** A program under a name that no other process of the machine has, and its processes. */
 class Program {
@@ -102,6 +103,7 @@ protected:
     void TearDown() override {
         for (Fault* fault : {&opendirFault, &readlinkFault, &openFault, &readFault})
             fault->disarm();
+        executable.clear();
         EXPECT_EQ(openBefore, vkatest::openDescriptors()) << "descriptors left open";
     }
 
@@ -112,10 +114,20 @@ private:
 } // namespace
 
 VKA_WRAP(opendirFault, DIR*, opendir, (const char* path), (path), nullptr)
-VKA_WRAP(readlinkFault, ssize_t, readlink, (const char* path, char* buf, size_t size),
-         (path, buf, size), -1)
-VKA_WRAP(readlinkFault, ssize_t, __readlink_chk,
-         (const char* path, char* buf, size_t size, size_t room), (path, buf, size, room), -1)
+extern "C" {
+__attribute__((weak)) ssize_t __real_readlink(const char* path, char* buf, size_t size);
+ssize_t __wrap_readlink(const char* path, char* buf, size_t size);
+ssize_t __wrap_readlink(const char* path, char* buf, size_t size) {
+    if (readlinkFault.hit())
+        return -1;
+    return executable.empty() ? __real_readlink(path, buf, size)
+                              : static_cast<ssize_t>(executable.copy(buf, size));
+}
+ssize_t __wrap___readlink_chk(const char* path, char* buf, size_t size, size_t room);
+ssize_t __wrap___readlink_chk(const char* path, char* buf, size_t size, size_t /*room*/) {
+    return __wrap_readlink(path, buf, size);
+}
+}
 VKA_WRAP_OPEN(openFault)
 VKA_WRAP_READ(readFault)
 
@@ -178,6 +190,15 @@ TEST_F(ProcLookup, FindsAProgramWhoseFileIsGone) {
     ASSERT_EQ(0, unlink(program.path().c_str()));
     EXPECT_THAT(found(program.name), ElementsAre(pid));
     EXPECT_THAT(found(program.path()), ElementsAre(pid));
+}
+
+TEST_F(ProcLookup, FindsAProgramByAShortPath) {
+    for (const char* path : {"/x", "/12345678", "/123456789", "/1234567890", "/x (deleted"}) {
+        executable = path;
+        EXPECT_EQ(1u, found(path).count(getpid())) << path;
+        executable += " (deleted)";
+        EXPECT_EQ(1u, found(path).count(getpid())) << executable;
+    }
 }
 
 TEST_F(ProcLookup, DoesNotFindAZombie) {
@@ -250,6 +271,14 @@ TEST_F(ProcLookup, InterruptedReadsAreRepeated) {
     readFault.failAt(1, EINTR);
     EXPECT_EQ(line.substr(0, line.find(')')), Proc::stat(getpid()).substr(0, line.find(')')));
     EXPECT_EQ(1, readFault.failures());
+}
+
+TEST_F(ProcLookup, FailedReadEndsTheLookup) {
+    for (int err : {EIO, ESRCH}) { // the kernel says ESRCH for a process that has ended meanwhile
+        readFault.failAlways(err);
+        EXPECT_EQ("", Proc::stat(getpid()));
+        EXPECT_EQ(1, readFault.calls());
+    }
 }
 
 TEST_F(ProcLookup, StatusLineIsTheKernels) {

@@ -527,6 +527,13 @@ TEST_F(RmDir, StopsWhenADirectoryIsExchangedAgainAndAgain) {
     EXPECT_EQ(EISDIR, rmDirError(dir / "top"));
 }
 
+TEST_F(RmDir, TakesALoopOfLinksForSomethingElseInTheDirectorysPlace) {
+    makeTree(dir, "top");
+    openatFault.failAt(2, ELOOP); // what POSIX says for a link; Linux says ENOTDIR for directories
+    EXPECT_EQ(EISDIR, rmDirError(dir / "top")); // of unlinking what is a directory all the same
+    EXPECT_EQ(1, openatFault.failures());
+}
+
 TEST_F(RmDir, RefusesALinkThatTookThePathsPlace) {
     makeTree(dir, "outside");
     dir.makeDir("top");
@@ -559,6 +566,18 @@ TEST_F(RmDir, StopsWhenAParentIsMovedElsewhere) {
     EXPECT_EQ(ESTALE, rmDirError(dir / "top"));
     EXPECT_EQ("content", contentOf(dir / "outside/file"));
     EXPECT_EQ("content", contentOf(dir / "outside/a/b/c/f"));
+}
+
+TEST_F(RmDir, StopsWhenTheDirectoryAboveIsOnAnotherFileSystem) {
+    dir.makeDir("top/a/b");
+    int calls = 0;
+    alterStat = [&](struct stat& info) {
+        if (++calls == 4) // top, a, b, and now back up from b
+            ++info.st_dev;
+    };
+    EXPECT_EQ(ESTALE, rmDirError(dir / "top"));
+    EXPECT_EQ(4, calls);
+    EXPECT_TRUE(exists(dir / "top/a/b"));
 }
 
 TEST_F(RmDir, TellsDirectoriesApartByTheirWholeInodeNumbers) {

@@ -32,7 +32,7 @@ using vkatest::Fd;
 
 namespace {
 
-Fault acceptFault, lookupFault, unusedFault;
+Fault acceptFault, lookupFault, textFault, unusedFault;
 int lookupAnswer = 0; // what a failing getaddrinfo() returns
 int lastBacklog = -1;
 const char* knownHost =
@@ -123,6 +123,9 @@ VKA_WRAP(acceptFault, int, accept, (int fd, sockaddr* addr, socklen_t* length), 
 VKA_WRAP(lookupFault, int, getaddrinfo,
          (const char* host, const char* service, const addrinfo* hints, addrinfo** found),
          (resolved(host), service, hints, found), lookupAnswer)
+VKA_WRAP(textFault, const char*, inet_ntop,
+         (int family, const void* addr, char* buf, socklen_t size), (family, addr, buf, size),
+         nullptr)
 VKA_WRAP((lastBacklog = backlog, unusedFault), int, listen, (int fd, int backlog), (fd, backlog),
          -1)
 
@@ -363,4 +366,12 @@ TEST(SockaddrOutput, DoesNotDependOnTheNumberFormatOfTheStream) {
     EXPECT_EQ(flags, os.flags());
     os << ' ' << 255;
     EXPECT_EQ("127.0.0.1:8080 0XFF", os.str());
+}
+
+TEST(SockaddrOutput, ShowsAQuestionMarkForWhatHasNoText) {
+    const Disarm disarm(textFault);
+    const sockaddr_in addr = address("127.0.0.1", 80);
+    textFault.failAt(1, ENOSPC);
+    EXPECT_EQ("?", text(addr));
+    EXPECT_EQ("127.0.0.1:80", text(addr));
 }

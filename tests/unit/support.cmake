@@ -31,7 +31,7 @@ vka_test(rmDirAttack SOURCES rmDirAttack_test.cc WRAP ${wrap_openat})
 vka_test(getCmdCallOutput SOURCES getCmdCallOutput_test.cc ${memory_faults}
   WRAP pipe2 posix_spawn posix_spawn_file_actions_init posix_spawnattr_init
        posix_spawn_file_actions_adddup2 ${wrap_read} waitpid)
-vka_test(sockaddr SOURCES sockaddr_test.cc WRAP accept listen getaddrinfo)
+vka_test(sockaddr SOURCES sockaddr_test.cc WRAP accept listen getaddrinfo inet_ntop)
 vka_test(ptypair SOURCES ptypair_test.cc
   WRAP posix_openpt grantpt unlockpt ptsname_r __ptsname_r_chk ${wrap_open})
 
