@@ -68,7 +68,7 @@ NOT_STATEMENTS = {
 OPERAND_ENDS = {";", "{", "}", ",", "?", ":", "=", "<<", "&&", "||"}
 # Declarations: a name behind a type, perhaps with *, & or template arguments between.
 NO_STATEMENT = re.compile(
-    r"([\w:]+(<[^;()]*>)?\s*[*&]*\s+[*&]*(\w+\s*(\[|\(|=|;|\{)|operator))|alignas|.*= delete|"
+    r"([\w:]+(<[^;()]*>)?\s*[*&]*\s+[*&]*([\w:]+\s*(\[|\(|=|;|\{)|operator))|alignas|.*= delete|"
     r"[A-Z]\w*\(const |~", re.DOTALL)
 DECLARATION = re.compile(r"\s*(const\s+)?[\w:]+\s*[*&]?\s+[*&]?\w+\s*[=:]\s")
 

@@ -187,11 +187,11 @@ class Workshop:
                         if self.compile(mutant.file, layers_of(program), done):
                             any_changed = True
                         own = self.compile(mutant.file, {program}, done)
+                        if any_changed or own:
+                            self.link(program)
+                            worthwhile.append(program)
                     except Failed:
                         return "uncompilable", ""
-                    if any_changed or own:
-                        self.link(program)
-                        worthwhile.append(program)
                 if worthwhile:
                     tested = True
                     failed, late, _ = self.test(worthwhile, self.limits)

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <dirent.h>
+#include <fcntl.h>
 #include <set>
 #include <unistd.h>
 #include <utility>
@@ -22,6 +23,19 @@ inline std::set<int> openDescriptors() {
     }
     closedir(dir);
     return found;
+}
+
+/** Counts open descriptors besides those given; -1 if a program executed now would get one. */
+inline int closedOnExec(const std::set<int>& besides) {
+    int count = 0;
+    for (int fd : openDescriptors()) {
+        if (besides.count(fd) != 0)
+            continue;
+        if ((fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0)
+            return -1;
+        ++count;
+    }
+    return count;
 }
 
 /** Owns one descriptor. */

@@ -273,6 +273,17 @@ TEST_F(ProcLookup, InterruptedReadsAreRepeated) {
     EXPECT_EQ(1, readFault.failures());
 }
 
+TEST_F(ProcLookup, LetsNoProgramInheritItsDescriptors) {
+    const std::set<int> before = vkatest::openDescriptors();
+    int opened = 0;
+    readFault.beforeCall(1, [&] { opened = vkatest::closedOnExec(before); });
+    EXPECT_NE("", Proc::stat(getpid()));
+    EXPECT_EQ(1, opened);
+    readFault.beforeCall(1, [&] { opened = vkatest::closedOnExec(before); });
+    Proc::pidof("no such program");
+    EXPECT_EQ(2, opened) << "/proc itself and a file below";
+}
+
 TEST_F(ProcLookup, FailedReadEndsTheLookup) {
     for (int err : {EIO, ESRCH}) { // the kernel says ESRCH for a process that has ended meanwhile
         readFault.failAlways(err);

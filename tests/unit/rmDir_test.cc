@@ -381,6 +381,16 @@ TEST_F(RmDir, NeedsFourDescriptorsAtMost) {
     EXPECT_FALSE(exists(dir / "top"));
 }
 
+TEST_F(RmDir, LetsNoProgramInheritItsDescriptors) {
+    const std::set<int> before = openDescriptors();
+    dir.makeDir("top/sub");
+    dir.makeFile("top/sub/file");
+    int opened = 0;
+    unlinkFault.beforeCall(1, [&] { opened = vkatest::closedOnExec(before); });
+    EXPECT_EQ(0, rmDirError(dir / "top"));
+    EXPECT_EQ(3, opened) << "the parent, the directory itself and the one below";
+}
+
 TEST_F(RmDir, StackAndDescriptorsDoNotGrowWithTheDepth) {
     for (bool types : {true, false}) {
         const std::string top = dir.makeDir("top");
