@@ -18,8 +18,8 @@ template <typename Operation>
 void expectEnd(int fd, Operation operation) {
     SCOPED_TRACE(fd);
     EXPECT_EXIT(operation(fd), testing::KilledBySignal(SIGABRT),
-                "descriptor " + std::to_string(fd) + " outside 0 to " +
-                    std::to_string(FD_SETSIZE - 1));
+                "^\\*\\*\\* FdSet: descriptor " + std::to_string(fd) + " outside 0 to " +
+                    std::to_string(FD_SETSIZE - 1) + " \\*\\*\\*: terminated\n$");
 }
 
 template <typename Operation>
