@@ -19,7 +19,7 @@ void expectEnd(int fd, Operation operation) {
     SCOPED_TRACE(fd);
     EXPECT_EXIT(operation(fd), testing::KilledBySignal(SIGABRT),
                 "^\\*\\*\\* FdSet: descriptor " + std::to_string(fd) + " outside 0 to " +
-                    std::to_string(FD_SETSIZE - 1) + " \\*\\*\\*: terminated");
+                    std::to_string(FD_SETSIZE - 1) + " \\*\\*\\*: terminated\n");
 }
 
 template <typename Operation>

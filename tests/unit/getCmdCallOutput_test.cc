@@ -17,6 +17,7 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <malloc.h>
 #include <spawn.h>
 #include <sstream>
 #include <sys/resource.h>
@@ -332,6 +333,15 @@ TEST_F(GetCmdCallOutput, CommandSeesOnlyInheritableDescriptors) {
          outputOf("for fd in /proc/$$/fd/*; do [ -L $fd ] && echo ${fd##*/}; done; exit 0"))
         seen.insert(std::stoi(fd));
     EXPECT_EQ(expected, seen);
+}
+
+TEST_F(GetCmdCallOutput, KeepsNoMemory) {
+    std::vector<std::string> output;
+    getCmdCallOutput("true", output, false);
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 3; ++i)
+        getCmdCallOutput("true", output, false);
+    EXPECT_EQ(before, mallinfo2().uordblks);
 }
 
 TEST_F(GetCmdCallOutput, WorksWithoutStandardDescriptors) {

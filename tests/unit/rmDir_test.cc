@@ -368,6 +368,13 @@ TEST_F(RmDir, AsksTheFileSystemWhenEntriesHaveNoType) {
     EXPECT_EQ("content", contentOf(dir / "outside/a/f"));
 }
 
+TEST_F(RmDir, DoesNotTakeADirectoryForAFileWhenTheTypeIsTold) {
+    dir.makeDir("top/a/b");
+    unlinkFault.disarm();
+    EXPECT_EQ(0, rmDirError(dir / "top"));
+    EXPECT_EQ(2, unlinkFault.calls()) << "one for each directory";
+}
+
 TEST_F(RmDir, NeedsFourDescriptorsAtMost) {
     makeTree(dir, "top");
     Child child = Child::run([&] {
