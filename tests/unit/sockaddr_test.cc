@@ -228,12 +228,14 @@ TEST(BindSocket, ThrowsForAnAddressItCannotPrint) {
     const Fd fd = tcpSocket();
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
-    thrownBy([&] { bindSocket(fd.get(), reinterpret_cast<const sockaddr&>(addr), sizeof(addr)); },
-             EAFNOSUPPORT);
+    const auto failure = [&](const void* tested, socklen_t length, int err) {
+        const sockaddr& other = *static_cast<const sockaddr*>(tested);
+        return thrownBy([&] { bindSocket(fd.get(), other, length); }, err);
+    };
+    const std::string what = "cannot bind socket: ";
+    EXPECT_EQ(what + strerror(EAFNOSUPPORT), failure(&addr, sizeof(addr), EAFNOSUPPORT));
     const sa_family_t family = AF_INET; // no byte more may be read
-    thrownBy(
-        [&] { bindSocket(fd.get(), reinterpret_cast<const sockaddr&>(family), sizeof(family)); },
-        EINVAL);
+    EXPECT_EQ(what + strerror(EINVAL), failure(&family, sizeof(family), EINVAL));
 }
 
 TEST(ListenConnection, PassesTheBacklogOn) {
