@@ -353,8 +353,14 @@ void HostClient::dropStuckClient() {
 
 bool HostClient::childEnded(Ending& ending) const {
     siginfo_t info = siginfo_t();
-    if (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == -1 ||
-        info.si_pid == 0)
+    int ret;
+    do {
+        ret = waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT);
+    } while (ret == -1 && errno == EINTR);
+    const int err = errno;
+    if (ret == -1) // nobody would tell of the end again
+        throw IOException(err, "cannot look at the program");
+    if (info.si_pid == 0)
         return false;
     ending.killed = info.si_code != CLD_EXITED;
     ending.number = info.si_status;

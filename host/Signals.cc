@@ -70,10 +70,14 @@ Signals::~Signals() {
 int Signals::take() {
     int stopSignal = 0;
     unsigned char sig;
-    while (read(pipeFds[0], &sig, 1) == 1) {
+    ssize_t got;
+    while ((got = read(pipeFds[0], &sig, 1)) == 1) {
         if (sig != SIGCHLD && stopSignal == 0)
             stopSignal = sig;
     }
+    const int err = errno;
+    if (got == -1 && err != EAGAIN && err != EINTR)
+        throw IOException(err, "cannot read the signals' pipe"); // or nothing would stop the host
     return stopSignal;
 }
 

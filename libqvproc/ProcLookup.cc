@@ -19,19 +19,24 @@ std::string procPath(const std::string& entry, const char* file) {
     return "/proc/" + entry + '/' + file;
 }
 
+struct FdCloser {
+    ~FdCloser() { close(fd); }
+    const int fd;
+};
+
 /** @return what the file holds; "" when it cannot be read, as for a process that has just ended */
 std::string readFile(const std::string& path) {
     std::string content;
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd == -1)
         return content;
+    const FdCloser closer = {fd};
     char buf[1024];
     ssize_t got;
     while ((got = read(fd, buf, sizeof(buf))) > 0 || (got == -1 && errno == EINTR)) {
         if (got > 0)
             content.append(buf, static_cast<size_t>(got));
     }
-    close(fd);
     return content;
 }
 

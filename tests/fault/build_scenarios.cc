@@ -106,7 +106,9 @@ std::vector<Rule> buildRules() {
         {"mkdir", "="}, // as it is there already
         {"stat", "=|IOException * create src dir *"},
         {"open", "IOException $E remove old source files in *"},
-        {"openat:ENOENT", "=|IOException $E remove old source files in *"},
+        {"openat:ENOENT", "=|IOException * remove old source files in *"},
+        {"openat:ENOTDIR", "IOException * remove old source files in *"},
+        {"openat:ELOOP", "IOException * remove old source files in *"},
         {"openat", "=|IOException $E remove old source files in *"},
         {"fstat", "IOException $E remove old source files in *"},
         {"getdents64", "IOException $E remove old source files in *"},

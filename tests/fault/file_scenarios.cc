@@ -42,11 +42,11 @@ std::string lookAtDirectory() {
     return outcome;
 }
 
-/** A tree of 3 directories of 3 directories of 2 files, and some at its top. */
+/** A tree of 5 directories of 4 directories of 2 files, and some at its top. */
 std::string removeTree(bool flag) {
     const TempDir dir;
-    for (const char* outer : {"x", "y", "z"})
-        for (const char* inner : {"1", "2", "3"}) {
+    for (const char* outer : {"v", "w", "x", "y", "z"})
+        for (const char* inner : {"1", "2", "3", "4"}) {
             const std::string name = std::string("t/") + outer + '/' + inner;
             dir.makeDir(name);
             dir.makeFile(name + "/f");

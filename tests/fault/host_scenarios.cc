@@ -31,9 +31,9 @@ const long patienceMs = 2500;
 /** vkahost in a process of its own. */
 class Host {
 public:
-    explicit Host(std::vector<std::string> options) {
+    explicit Host(std::vector<std::string> options, const char* make = "chmod 700 /tmp/vkabin") {
         commands.define("unzip", "case $1 in -o) echo new > a.c;; -Z1) echo a.c;; esac");
-        commands.define("make", "touch /tmp/vkabin");
+        commands.define("make", make);
         commands.define("zip", "touch $1");
         dir.makeFile("a.zip");
         options.insert(options.begin(), {"vkahost", "-p0", "-w", dir / "w"});
@@ -153,9 +153,9 @@ std::string console(std::vector<std::string> options = {}) {
 }
 
 std::string unattended(std::vector<std::string> options, const char* script,
-                       const char* file = nullptr) {
+                       const char* file = nullptr, const char* make = "chmod 700 /tmp/vkabin") {
     const Program program(script);
-    Host host(options);
+    Host host(options, make);
     const Stopwatch watch;
     waitUntil([&] {
         if (watch.ms() > patienceMs)
@@ -179,12 +179,16 @@ const std::vector<Rule> hostRules = {
     {"/1/1:malloc", "*"},
     {"/1:malloc", "=|status 124: build failed: *|status 125: *|status 101*|signal 6*"},
     {"/2:malloc", "=|status 126*"},
-    {"malloc", "=|status 125: *|signal 6*|status 143*|status 7*"},
+    {"malloc", "=|status 125*|signal 6*|status 143*|status 7*"},
     {"+read", "=|status 125: *|status 124: *|status 143*|status 7*"},
     {"+recv", "=|status 143*|status 7*"},
+    {"+accept:EINTR", "="},
+    {"+accept:EAGAIN", "=|status 143*"},
     {"+accept", "status 143*"},
-    {"accept", "=|=*"},
+    {"accept", "=|status 7: cannot accept a client: *, client has <hello bye you >"},
     {"setsockopt", "*"},
+    {"waitid:EINTR", "="},
+    {"waitid", "=|status 125: *"},
     {"*", "=|status 125: *|status 124: *|status 143*|status 7*|status 126*|status 1*"},
 };
 
@@ -199,6 +203,8 @@ std::vector<Scenario> hostScenarios() {
              return unattended({"-l", "@log"}, "echo hello; exit 7", "log");
          },
          hostRules, 0},
+        {"host-build-fails",
+         [] { return unattended({"-d2"}, "exit 7", nullptr, "echo wrong; exit 2"); }, hostRules, 0},
         {"host-export",
          [] {
              return unattended({"-e", "@sources.zip"}, "exit 7", "sources.zip");

@@ -15,8 +15,12 @@ namespace inject {
 
 namespace {
 
-// The kernel interrupts a call again and again, but not for ever; what tries again gets through.
-const size_t interruptions = 20;
+// What the kernel interrupts or puts off again and again gets through at last.
+const size_t triesInVain = 20;
+
+bool passes(int error) {
+    return error == EINTR || error == EAGAIN;
+}
 
 std::vector<Function*>& functions() {
     static std::vector<Function*> all;
@@ -88,7 +92,7 @@ bool Function::hit() {
     }
     if (current.function != this || current.role != role || calls < current.number ||
         (calls > current.number && !current.forGood) ||
-        (current.error == EINTR && calls - current.number >= interruptions))
+        (passes(current.error) && calls - current.number >= triesInVain))
         return false;
     ++shared->hits;
     errno = current.error;
