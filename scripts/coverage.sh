@@ -49,7 +49,7 @@ mkdir -p "$build_dir"
 build_dir=$(cd -- "$build_dir" && pwd -P)
 
 # The kinds of tests whose reach counts, each a function below.
-counted=(unit_tests)
+counted=(unit_tests injected_faults)
 
 in_sandbox() { env --default-signal "$tree/scripts/sandbox.sh" --keep "$build_dir" -- "$@"; }
 
@@ -57,6 +57,9 @@ unit_tests() {
     in_sandbox ctest --test-dir "$build_dir" --output-on-failure --no-tests=error \
         --parallel "$(nproc)"
 }
+
+# Every fifth of them reaches the same lines as all.
+injected_faults() { "$tree/tests/fault/run" --no-install --build-dir "$build_dir" --sample 5; }
 
 if [ "$run" = 1 ]; then
     # Without optimisation each branch is one of the source; Debug leaves out fortification.

@@ -13,7 +13,7 @@ export LC_ALL=C.UTF-8
 {
     build_packages=(g++ make cmake unzip zip)
     sandbox_packages=(mount python3)
-    test_packages=(libgtest-dev libgmock-dev python3-pytest)
+    test_packages=(libgtest-dev libgmock-dev librapidcheck-dev python3-pytest)
     test_packages+=(gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf ccache distcc busybox-static)
     test_packages+=(socat netcat-openbsd strace iproute2 procps sysvinit-utils)
 }

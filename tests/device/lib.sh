@@ -15,7 +15,8 @@
 }
 # What a device has, then what the tests call.
 root_packages=(make gcc g++ zip unzip ccache distcc)
-root_packages+=(cmake libgtest-dev libgmock-dev python3-pytest socat ser2net netcat-openbsd)
+root_packages+=(cmake libgtest-dev libgmock-dev librapidcheck-dev python3-pytest)
+root_packages+=(socat ser2net netcat-openbsd)
 root_packages+=(strace iproute2 procps sysvinit-utils busybox-static)
 
 # Drivers without which the machine finds neither its disks nor its network.
