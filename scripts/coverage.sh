@@ -58,8 +58,11 @@ unit_tests() {
         --parallel "$(nproc)"
 }
 
-# Every fifth of them reaches the same lines as all.
-injected_faults() { "$tree/tests/fault/run" --no-install --build-dir "$build_dir" --sample 5; }
+# Every fifth failing call reaches the same lines as all. Writing the counters down needs memory, so
+# allocations do not fail here.
+injected_faults() {
+    "$tree/tests/fault/run" --no-install --build-dir "$build_dir" --calls --sample 5
+}
 
 if [ "$run" = 1 ]; then
     # Without optimisation each branch is one of the source; Debug leaves out fortification.
