@@ -20,9 +20,9 @@ volatile sig_atomic_t reportFd = -1;
 void report(int sig) {
     const int err = errno;
     const unsigned char byte = static_cast<unsigned char>(sig);
-    // A full pipe wakes the host up all the same.
-    const ssize_t ignored = write(reportFd, &byte, 1);
-    static_cast<void>(ignored);
+    // A full pipe wakes the host up all the same; what fails for another reason is tried again.
+    for (int tries = 0; tries < 2 && write(reportFd, &byte, 1) == -1; ++tries) {
+    }
     errno = err;
 }
 

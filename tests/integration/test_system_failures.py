@@ -78,6 +78,15 @@ def disturbed(pid, injection):
         tracer.wait()
 
 
+@pytest.mark.parametrize("error", ["EINTR", "EAGAIN", "ENOMEM"])
+def test_signal_that_cannot_be_told_at_once(host, error):
+    vkahost = host(script="sleep")
+    assert vkahost.port
+    with disturbed(vkahost.pid, "inject=write:error=%s:when=1" % error):
+        vkahost.process.terminate()
+        assert vkahost.wait() == 128 + signal.SIGTERM
+
+
 @pytest.mark.parametrize("call", ["recvfrom,?recv", "read", "write"])
 @pytest.mark.parametrize("error", ["EINTR", "EAGAIN"])
 def test_transfers_are_tried_again(host, call, error):
