@@ -14,6 +14,7 @@ export LC_ALL=C.UTF-8
     build_packages=(g++ make cmake unzip zip)
     sandbox_packages=(mount python3)
     test_packages=(libgtest-dev libgmock-dev librapidcheck-dev python3-pytest)
+    test_packages+=(python3-pytest-xdist)
     test_packages+=(gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf ccache distcc busybox-static)
     test_packages+=(socat netcat-openbsd strace iproute2 procps sysvinit-utils)
 }
@@ -75,6 +76,13 @@ install_packages() {
     # Some packages conflict; none that the machine has is given up for ours.
     retry apt_get install --no-install-recommends --no-remove "${missing[@]}" ||
         die "cannot install ${missing[*]}"
+}
+
+# integration_options DIR PYTHON: options, a line each, for a pytest in the sandbox that keeps DIR. As
+# many tests as there are processors run at a time, each process of tests in a sandbox of its own.
+integration_options() {
+    printf '%s\n' -p no:cacheprovider "--basetemp=$1/tmp" --dist=load \
+        --tx "$(nproc)*popen//python='$tree/scripts/sandbox.sh' --keep '$1' -- '$2'"
 }
 
 # A Python that has the given modules; the first one on the PATH need not be the system's.

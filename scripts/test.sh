@@ -74,13 +74,15 @@ run_unit_tests() {
 }
 
 run_integration_tests() {
-    local python junit=$build_dir/integration.xml
-    python=$(find_python pytest) || return
+    local python options junit=$build_dir/integration.xml
+    python=$(find_python pytest xdist) || return
+    mapfile -t options < <(integration_options "$build_dir" "$python")
     "$tree/tests/integration/fetch_lua.sh" "$build_dir/lua" || return
     rm -f "$junit"
     VKAHOST=$build_dir/host/vkahost VKA_LUA_ZIP=$build_dir/lua/lua.zip PYTHONDONTWRITEBYTECODE=1 \
-        in_sandbox "$python" -m pytest -p no:cacheprovider -ra --junitxml="$junit" \
+        in_sandbox "$python" -m pytest "${options[@]}" -ra --junitxml="$junit" \
         "$tree/tests/integration" || return
+    rm -rf "$build_dir/tmp"
     # Also counts tests that were expected to fail.
     if ! grep -q ' skipped="0"' "$junit"; then
         say "some integration tests were not run"

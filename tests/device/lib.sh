@@ -15,7 +15,7 @@
 }
 # What a device has, then what the tests call.
 root_packages=(make gcc g++ zip unzip ccache distcc)
-root_packages+=(cmake libgtest-dev libgmock-dev librapidcheck-dev python3-pytest)
+root_packages+=(cmake libgtest-dev libgmock-dev librapidcheck-dev python3-pytest python3-pytest-xdist)
 root_packages+=(socat ser2net netcat-openbsd)
 root_packages+=(strace iproute2 procps sysvinit-utils busybox-static)
 

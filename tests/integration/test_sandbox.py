@@ -7,6 +7,7 @@ import re
 import signal
 import subprocess
 import sys
+import tempfile
 
 import pytest
 
@@ -152,8 +153,9 @@ def test_kept_directory_is_the_same_one(tmp_path):
     assert (tmp_path / "inside").exists()
 
 
-def test_hidden_working_directory_is_refused(tmp_path):
-    result = sandbox("true", cwd=tmp_path)
+def test_hidden_working_directory_is_refused():
+    with tempfile.TemporaryDirectory(dir="/tmp") as hidden:
+        result = sandbox("true", cwd=hidden)
     assert result.returncode == 1
     assert "--keep" in result.stderr
 
