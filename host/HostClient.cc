@@ -25,11 +25,19 @@
 namespace {
 
 const int acceptPauseMs = 1000;
-const int stuckMs = 5000;      // a client that hung up waits so long for the child to read
-const int lastOutputMs = 1000; // time for reading what is left in the terminal
-const int slowClientMs = 5000; // a client that takes nothing for so long gets no more
-const int closingMs = 500;     // time for the client to see the end and close
+const int stuckMs = 5000; // a client that hung up waits so long for the child to read
 const int failedStartStatus = 126;
+// Output that waits is kept in chunks of this size: each has a cost of its own in memory.
+const size_t packedSize = 4096;
+
+/** What the last output and the client may take of the host's time, in milliseconds. */
+struct Patience {
+    int lastOutput; // for reading what is left in the terminal
+    int slowClient; // a client that takes nothing for so long gets no more
+    int closing;    // for the client to see the end and close
+};
+const Patience programEnded = {1000, 5000, 500};
+const Patience hostStopped = {40, 40, 20}; // somebody waits for the host's end
 
 int64_t nowMs() {
     timespec now;
@@ -239,22 +247,30 @@ void HostClient::serve(const FdSet& rfds, const FdSet& wfds) {
         otherReads -= fdConn;
         otherWrites -= fdConn;
     }
+    // Fresh input is tried at once: the terminal nearly always takes it, which saves a select().
+    if (reading && master != -1 && !bufConn2Child.empty())
+        otherWrites += master;
     const bool accepting = otherReads.isActiveAndSet(fdServer);
     if (relay(otherReads, otherWrites) && accepting)
         adoptClient();
+    packQueue();
     dropStuckClient();
 }
 
 /** The client's two transfers, apart from the rest so that what was written can be counted. */
 void HostClient::transferWithClient(bool reading, bool writing) {
-    if (reading && isAtEnd(fdConn)) {
-        dropClient();
-        return;
-    }
     FdSet rfds;
     FdSet wfds;
-    if (reading)
+    if (reading && debug < 2) {
+        if (!takeInput())
+            return;
+    } else if (reading) { // with its trace
+        if (isAtEnd(fdConn)) {
+            dropClient();
+            return;
+        }
         rfds += fdConn;
+    }
     if (writing)
         wfds += fdConn;
     const size_t chunks = bufChild2Conn.size();
@@ -264,6 +280,38 @@ void HostClient::transferWithClient(bool reading, bool writing) {
         const size_t after = bufChild2Conn.size() < chunks ? 0 : bufChild2Conn.front().size();
         bufsize -= before - after;
     }
+}
+
+/**
+ * As handleData() reads the client, which must not meet the end of the stream: looking ahead for it
+ * would cost another call for each chunk. @return whether the client is still there
+ */
+bool HostClient::takeInput() {
+    unsigned char buf[BUFSIZE];
+    const ssize_t got = read(fdConn, buf, BUFSIZE);
+    if (got > 0) {
+        bufConn2Child.insert(bufConn2Child.end(), buf, buf + got);
+    } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
+        dropClient();
+        return false;
+    }
+    return true;
+}
+
+/** Moves the newest chunk into the one before it, unless the client is about to get that. */
+void HostClient::packQueue() {
+    const size_t chunks = bufChild2Conn.size();
+    if (chunks < 3)
+        return;
+    const byteVec_t& newest = bufChild2Conn.back();
+    byteVec_t& before = bufChild2Conn[chunks - 2];
+    // Whole chunks are dropped at the bound, so they are small beside it.
+    const size_t most = maxbufsize / 16 < packedSize ? size_t(BUFSIZE) : packedSize;
+    if (before.size() + newest.size() > most)
+        return;
+    before.reserve(most);
+    before.insert(before.end(), newest.begin(), newest.end());
+    bufChild2Conn.pop_back();
 }
 
 /** @return whether every step was done; otherwise those after the failed one were left out */
@@ -367,8 +415,9 @@ bool HostClient::childEnded(Ending& ending) const {
     return true;
 }
 
-void HostClient::deliver(Signals& signals) {
-    const int64_t lastOutput = nowMs() + lastOutputMs;
+void HostClient::deliver(Signals& signals, bool stopped) {
+    const Patience& patience = stopped ? hostStopped : programEnded;
+    const int64_t lastOutput = nowMs() + patience.lastOutput;
     int64_t lastTransfer = nowMs();
     while (true) {
         FdSet rfds;
@@ -386,7 +435,7 @@ void HostClient::deliver(Signals& signals) {
         }
         int64_t waitMs = 0;
         if (fdConn != -1 && !bufChild2Conn.empty())
-            waitMs = std::max<int64_t>(lastTransfer + slowClientMs - nowMs(), 0);
+            waitMs = std::max<int64_t>(lastTransfer + patience.slowClient - nowMs(), 0);
         timeval timeout = {static_cast<time_t>(waitMs / 1000),
                            static_cast<suseconds_t>(waitMs % 1000 * 1000)};
         const int ready = select(rfds.num(wfds), rfds.addr(), wfds.addr(), nullptr, &timeout);
@@ -398,11 +447,11 @@ void HostClient::deliver(Signals& signals) {
         lastTransfer = nowMs();
     }
     if (fdConn != -1)
-        closeClientGently();
+        closeClientGently(patience.closing);
 }
 
 /** Lets the client see the end first: closing with input unread would reset the connection. */
-void HostClient::closeClientGently() {
+void HostClient::closeClientGently(int closingMs) {
     shutdown(fdConn, SHUT_WR);
     const int64_t deadline = nowMs() + closingMs;
     char discarded[4096];

@@ -64,7 +64,7 @@ int serve(HostClient& client, Signals& signals, const Options& options) {
         client.stop();
     VKAClient::pidset_t ended;
     client.waitChildren(false, ended);
-    client.deliver(signals);
+    client.deliver(signals, stopSignal != 0);
 
     const std::string unfetched = client.takeUnfetched();
     if (!unfetched.empty())

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """What /proc tells about processes."""
 import os
+import re
 import time
 
 PROGRAM = "/tmp/vkabin"
@@ -88,6 +89,11 @@ def busy_share(pid, seconds=0.6):
 
 def resident_mib(pid):
     return int(stat(pid)[21]) * os.sysconf("SC_PAGE_SIZE") / 2**20
+
+
+def own_kib(pid):
+    """Memory that no other process has, exactly: stat's figures lag behind."""
+    return int(re.search(r"^Anonymous: +(\d+) kB$", read(pid, "smaps_rollup"), re.MULTILINE)[1])
 
 
 def describe(found):

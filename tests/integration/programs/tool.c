@@ -64,6 +64,12 @@ static void do_flood(const char* size) {
     }
 }
 
+// N bytes in as many writes.
+static void do_drip(const char* size) {
+    for (unsigned long left = strtoul(size, NULL, 10); left > 0; --left)
+        emit("x", 1);
+}
+
 // Sends N bytes (0: all) of the input back.
 static void do_echo(const char* size) {
     char data[4096];
@@ -226,11 +232,12 @@ static const struct {
     const char* name;
     void (*run)(const char*);
 } commands[] = {
-    {"argv", do_argv},   {"cat", do_cat},       {"close", do_close},   {"ctty", do_ctty},
-    {"echo", do_echo},   {"env", do_env},       {"exit", do_exit},     {"fds", do_fds},
-    {"flood", do_flood}, {"gate", do_gate},     {"hangup", do_hangup}, {"ignore", do_ignore},
-    {"link", do_link},   {"orphan", do_orphan}, {"pid", do_pid},       {"raise", do_raise},
-    {"say", do_say},     {"sleep", do_sleep},   {"touch", do_touch},   {"tty", do_tty},
+    {"argv", do_argv},     {"cat", do_cat},     {"close", do_close},   {"ctty", do_ctty},
+    {"drip", do_drip},     {"echo", do_echo},   {"env", do_env},       {"exit", do_exit},
+    {"fds", do_fds},       {"flood", do_flood}, {"gate", do_gate},     {"hangup", do_hangup},
+    {"ignore", do_ignore}, {"link", do_link},   {"orphan", do_orphan}, {"pid", do_pid},
+    {"raise", do_raise},   {"say", do_say},     {"sleep", do_sleep},   {"touch", do_touch},
+    {"tty", do_tty},
 };
 
 static void obey(char* line) {
