@@ -35,7 +35,9 @@ typedef Proc::pidset_t pidset_t;
 Fault forkFault, killFault, waitFault, pidfdFault;
 std::vector<std::pair<pid_t, int>> sent; // what kill() was asked for
 
-const long promptMs = 500;                    // longest way of noticing an end at once
+// Wide, for busy and emulated machines; what is told apart from them lasts longer.
+const long promptMs = 1500;                   // longest way of noticing an end at once
+const long waitingCpuMs = 300;                // most that sleeping may take of the processor
 const long graceMs = 2000, graceEndMs = 3900; // less than two graces
 const long countedGraceMs = graceMs - 1;      // the wait and the test both count whole milliseconds
 
@@ -389,7 +391,7 @@ TEST_P(ProcWaiting, WaitChildWaitsForAnyWithoutUsingTheProcessor) {
     const Stopwatch watch;
     const long cpu = cpuMs();
     EXPECT_EQ(ending, proc.waitChild(true));
-    EXPECT_LT(cpuMs() - cpu, 100);
+    EXPECT_LT(cpuMs() - cpu, waitingCpuMs);
     EXPECT_GE(watch.ms(), 500);
     EXPECT_LT(watch.ms(), 700 + promptMs);
     EXPECT_TRUE(isChild(running));
@@ -582,7 +584,7 @@ TEST_P(ProcWaiting, StopKillsWhatIgnoresTheFirstSignal) {
     const Stopwatch watch;
     const long cpu = cpuMs();
     EXPECT_THAT(stop(), ElementsAre(pid));
-    EXPECT_LT(cpuMs() - cpu, 100) << "processor time used for waiting";
+    EXPECT_LT(cpuMs() - cpu, waitingCpuMs) << "processor time used for waiting";
     EXPECT_GE(watch.ms(), countedGraceMs);
     EXPECT_LT(watch.ms(), graceMs + promptMs);
     EXPECT_FALSE(proc.hasChildren());
@@ -670,7 +672,7 @@ TEST_P(ProcWaiting, InterruptionsNeitherEndNorStretchTheGrace) {
     EXPECT_THAT(stop(), ElementsAre(pid));
     EXPECT_GE(watch.ms(), countedGraceMs);
     EXPECT_LT(watch.ms(), graceMs + promptMs);
-    EXPECT_GT(ticker.ticks(), 500);
+    EXPECT_GT(ticker.ticks(), 100);
     EXPECT_FALSE(proc.hasChildren());
 }
 
