@@ -8,7 +8,7 @@
 namespace vkatest {
 
 /** Longer than anything awaited ever takes, also under a sanitizer or an emulator. */
-const std::chrono::milliseconds patience(20000);
+const std::chrono::milliseconds patience(120000);
 
 /** Milliseconds since construction. */
 class Stopwatch {
