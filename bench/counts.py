@@ -1,0 +1,102 @@
+# SPDX-License-Identifier: MIT
+"""Counts that no busy machine changes: instructions (callgrind) and calls to the kernel (strace) for
+one unit of work, compared with bench/counts.txt.
+
+Usage: counts.py [--write]     --write: make that file anew
+"""
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+import relays
+
+TABLE = pathlib.Path(__file__).with_name("counts.txt")
+COUNTED = relays.BUILD / "bench" / "bench_counted"
+VKAHOST = relays.BUILD / "host" / "vkahost"
+CHUNK = 512
+
+
+def output_of(*command):
+    return subprocess.run([str(word) for word in command], stdout=subprocess.PIPE, check=True,
+                          stderr=subprocess.STDOUT, text=True, timeout=300).stdout
+
+
+def instructions(*command):
+    report = output_of("valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", *command)
+    return int(re.search(r"Collected : (\d+)", report)[1])
+
+
+def calls(*command):
+    """All calls to the kernel, of the process itself."""
+    with tempfile.NamedTemporaryFile("r") as trace:
+        output_of("strace", "-qq", "-o", trace.name, *command)
+        return [line for line in trace if not line.startswith(("+++", "---"))]
+
+
+def for_each(count, figure, thing):
+    """What one more of the thing costs."""
+    return (figure(COUNTED, thing, 2 * count) - figure(COUNTED, thing, count)) / count
+
+
+def calls_to_remove(files):
+    trace = calls(COUNTED, "remove", files)
+    marks = [number for number, line in enumerate(trace) if line.startswith("getppid(")]
+    return (marks[1] - marks[0] - 1) / files
+
+
+def calls_of_vkahost(child, units, *client):
+    """For each unit, while the client is served; not what starting and ending take."""
+    with relays.running(relays.vkahost, child) as relay, tempfile.NamedTemporaryFile("r") as summary:
+        tracer = subprocess.Popen(["strace", "-c", "-o", summary.name, "-p", str(relay.pid)],
+                                  stderr=subprocess.PIPE, text=True)
+        assert "attached" in tracer.stderr.readline()
+        relay.client(*client)
+        tracer.terminate()
+        tracer.communicate()
+        called = {line.split()[-1]: int(line.split()[3]) for line in summary if re.match(r" +\d", line)}
+    return sum(called.get(name, 0) for name in ("select", "pselect6", "read", "write", "recvfrom")) / units
+
+
+def measure():
+    size, keystrokes = 16 << 20, 2000
+    return {
+        "instructions, a chunk of output": for_each(2000, instructions, "output"),
+        "instructions, a chunk of input": for_each(2000, instructions, "input"),
+        "instructions, a line of a command": for_each(20000, instructions, "lines"),
+        "instructions, vkahost --version": instructions(VKAHOST, "--version"),
+        "calls, a chunk of output by vkahost": calls_of_vkahost(
+            "flood %d" % size, size / CHUNK, "flood", size),
+        "calls, an echoed chunk by vkahost": calls_of_vkahost("echo", size / CHUNK, "echo", size),
+        "calls, an echoed keystroke by vkahost": calls_of_vkahost(
+            "flood 1", keystrokes, "ask", keystrokes, 1),
+        "calls, a VKAClient without console": for_each(
+            100, lambda *command: len(calls(*command)), "construct"),
+        "calls, a deleted file": calls_to_remove(10000),
+    }
+
+
+def is_near(name, now, before):
+    """Calls: but for those few that tell of a descriptor that was not ready at once."""
+    if name.startswith("calls"):
+        return abs(now - before) <= 0.1
+    return abs(now - before) <= before * 0.05
+
+
+def main():
+    found = measure()
+    if sys.argv[1:] == ["--write"]:
+        TABLE.write_text("".join("%-42s %12.2f\n" % item for item in found.items()))
+    kept = {line[:42].rstrip(): float(line[42:]) for line in TABLE.read_text().splitlines()}
+    status = 0 if kept.keys() == found.keys() else 1
+    for name, now in found.items():
+        before = kept.get(name, 0)
+        fine = is_near(name, now, before)
+        print("%-42s %12.2f  kept %12.2f  %s" % (name, now, before, "ok" if fine else "CHANGED"))
+        status = status if fine else 1
+    return status
+
+
+if __name__ == "__main__":
+    sys.exit(main())
