@@ -58,7 +58,9 @@ def transfer(what, child, size):
 def answers(what, size, count):
     for who in SUBJECTS:
         with started(who, "flood %d" % size) as relay:
-            times = sorted(relay.client("ask", count, size)[count // 10:])
+            # It waits some milliseconds before it passes a byte on.
+            asked = count // 10 if who.startswith("ser2net") else count
+            times = sorted(relay.client("ask", asked, size)[asked // 10:])
         record(what + ", median", who, statistics.median(times))
         record(what + ", 99th percentile", who, times[len(times) * 99 // 100])
 

@@ -70,7 +70,7 @@ class Relay:
         return seconds
 
 
-def _installed_child():
+def install_child():
     PROGRAM.unlink(missing_ok=True)
     shutil.copy(CHILD, PROGRAM)
 
@@ -92,7 +92,7 @@ def vkahost(child, buffer="64M", launcher=()):
 
 
 def floor(child, *options):
-    _installed_child()
+    install_child()
     return Relay([FLOOR, *options], child)
 
 
@@ -110,14 +110,14 @@ def _listening(relay):
 
 
 def socat(child, *options):
-    _installed_child()
+    install_child()
     port = free_port()
     return _listening(Relay(["socat", *options, "TCP-LISTEN:%d,bind=127.0.0.1,nodelay" % port,
                              "EXEC:/tmp/vkabin,pty,raw,echo=0"], child, port=port))
 
 
 def ser2net(child, size):
-    _installed_child()
+    install_child()
     port = free_port()
     with tempfile.NamedTemporaryFile("w", suffix=".yaml") as config:
         config.write("connection: &console\n"

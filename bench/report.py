@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 """Turns the figures of both kinds of benchmarks into one table of ratios.
 
-Usage: report.py OUT.json PROCESSES.json FUNCTIONS.json...
+Usage: report.py OUT.json FIGURES.json...
 
 OUT.json gets every figure that was measured and every ratio; the table goes to standard output.
 """
@@ -58,27 +58,12 @@ LIMITS = [
 GROWTH = ("capture", "delete", "delete deep", "queue", "run")
 
 
-def figures_of_functions(path):
-    """Each repetition of "what/who/size" as a figure in nanoseconds."""
-    scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
-    with open(path) as file:
-        for entry in json.load(file)["benchmarks"]:
-            if entry["run_type"] != "iteration":
-                continue
-            what, who, size = entry["name"].split("/")[:3]
-            unit = scale[entry["time_unit"]]
-            yield "%s/%s, time" % (what, size), who, entry["real_time"] * unit
-            yield "%s/%s, CPU" % (what, size), who, entry["cpu_time"] * unit
-
-
-def collect(processes, functions):
+def collect(paths):
     figures = {}
-    with open(processes) as file:
-        for entry in json.load(file):
-            figures[entry["what"], entry["who"]] = entry["values"]
-    for path in functions:
-        for what, who, value in figures_of_functions(path):
-            figures.setdefault((what, who), []).append(value)
+    for path in paths:
+        with open(path) as file:
+            for entry in json.load(file):
+                figures[entry["what"], entry["who"]] = entry["values"]
     return figures
 
 
@@ -122,8 +107,8 @@ def exponents(figures):
 
 
 def main():
-    out, processes, *functions = sys.argv[1:]
-    figures = collect(processes, functions)
+    out, *paths = sys.argv[1:]
+    figures = collect(paths)
     compared, grown = list(ratios(figures)), list(exponents(figures))
     print("| What | Who | Against | Median ratio | Spread | Pairs | Aim | |")
     print("|---|---|---|---|---|---|---|---|")

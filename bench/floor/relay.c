@@ -61,14 +61,22 @@ static int start_child(void) {
     return master;
 }
 
-static void relay(int conn, int master) {
+/** Any such program waits for signals, too: the read end of a pipe, as in vkahost. */
+static int open_signals(void) {
+    int fds[2];
+    check(pipe(fds), "pipe");
+    return fds[0];
+}
+
+static void relay(int conn, int master, int signals) {
     unsigned char input[chunk_size];
     size_t waiting = 0, first = 0, count = 0;
-    const int highest = conn > master ? conn : master;
+    const int highest = conn > signals ? conn : signals;
     while (1) {
         fd_set rfds, wfds;
         FD_ZERO(&rfds);
         FD_ZERO(&wfds);
+        FD_SET(signals, &rfds);
         if (waiting == 0)
             FD_SET(conn, &rfds);
         if (count > 0)
@@ -119,11 +127,12 @@ static void relay(int conn, int master) {
 int main(int argc, char* argv[]) {
     const int server = listen_anywhere();
     const int master = start_child();
+    const int signals = open_signals();
     const int conn = accept(server, NULL, NULL);
     check(conn, "accept");
     const int on = argc < 2 || strcmp(argv[1], "nagle") != 0;
     check(setsockopt(conn, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)), "setsockopt");
     check(fcntl(conn, F_SETFL, O_RDWR | O_NONBLOCK), "fcntl");
-    relay(conn, master);
+    relay(conn, master, signals);
     return 0;
 }
