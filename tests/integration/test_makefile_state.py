@@ -58,6 +58,14 @@ def test_results_that_came_with_an_archive_are_not_trusted(built):
     assert built.program_output() == "1 1\n"
 
 
+def test_a_number_used_again_within_the_same_second_is_told_apart(built):
+    """File systems give a removed file's number to the next one at once."""
+    status = (built.state / "id").stat()
+    moment = f"{status.st_ctime_ns // 10**9 % 60:02}.{status.st_ctime_ns % 10**9:09}"
+    identity = (built.state / "identity").read_text()
+    assert f":{status.st_ino}:" in identity and f":{moment} " in identity
+
+
 def test_results_in_a_moved_directory_are_made_again(built):
     built.src = built.src.rename(built.top / "moved")
     assert made(built.make()) == REBUILT_ALL
