@@ -7,7 +7,8 @@ endfunction()
 
 vka_client_test(Interface)
 vka_client_test(Layout)
-set_source_files_properties(VKAClientLayout_test.cc PROPERTIES COMPILE_OPTIONS -fno-access-control)
+set_source_files_properties(VKAClientLayout_test.cc PROPERTIES
+  COMPILE_OPTIONS -fno-access-control SKIP_PRECOMPILE_HEADERS ON)
 vka_client_test(Construction
   WRAP socket setsockopt __setsockopt64 bind listen posix_openpt sysinfo)
 vka_client_test(Destruction WRAP close kill)

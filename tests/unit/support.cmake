@@ -19,7 +19,7 @@ vka_test(getTotalRam SOURCES getTotalRam_test.cc WRAP sysinfo)
 # The descriptor check must not depend on how a file using FdSet is compiled, nor on whose copy of
 # an inline function the linker picks.
 set_source_files_properties(FdSetUnchecked_test.cc PROPERTIES
-  COMPILE_OPTIONS "-O0;-U_FORTIFY_SOURCE")
+  COMPILE_OPTIONS "-O0;-U_FORTIFY_SOURCE" SKIP_PRECOMPILE_HEADERS ON)
 vka_test(FdSet SOURCES FdSet_test.cc FdSetDeath_test.cc)
 vka_test(FdSetUnchecked SOURCES FdSetUnchecked_test.cc)
 vka_test(FdSetMixed SOURCES FdSetUnchecked_test.cc FdSetDeath_test.cc)
@@ -36,7 +36,8 @@ vka_test(ptypair SOURCES ptypair_test.cc
   WRAP posix_openpt grantpt unlockpt ptsname_r __ptsname_r_chk ${wrap_open})
 
 # Looks into and fills the private set of children.
-set_source_files_properties(ProcPrivate_test.cc PROPERTIES COMPILE_OPTIONS -fno-access-control)
+set_source_files_properties(ProcPrivate_test.cc PROPERTIES
+  COMPILE_OPTIONS -fno-access-control SKIP_PRECOMPILE_HEADERS ON)
 vka_test(Proc SOURCES Proc_test.cc ${memory_faults} WRAP fork kill waitpid syscall)
 vka_test(ProcPrivate SOURCES ProcPrivate_test.cc WRAP kill waitpid)
 vka_test(ProcLookup SOURCES ProcLookup_test.cc
