@@ -234,3 +234,24 @@ def test_the_agents_shell_command_works(project):
     status, output = project.run_make(["/bin/sh", "-c", line])
     assert status == 0, output
     assert project.program_output() == "ready\n"
+
+
+def test_progress_counts_what_is_compiled(built):
+    built.write("a.h", "#define A 2\n")
+    told = built.top / "told"
+    shell = ["sh", "-c", f'exec "$@" 5>"{told}"', "sh", *built.command()]
+    assert built.run_make(shell, env={"VKAPROGRESS": "5"})[0] == 0
+    assert told.read_text() == "[1/1] a.c\n"
+    built.write("d.cc", "int d;\n")
+    built.write("proto.h", "int a(void), b(void), d(void);\n")
+    assert built.run_make(shell, env={"VKAPROGRESS": "5"})[0] == 0
+    assert sorted(told.read_text().splitlines()) == [
+        "[1/4] a.c", "[2/4] b.c", "[3/4] main.c", "[4/4] d.cc"]
+
+
+@pytest.mark.parametrize("how", ['"$@" 5>&-', '"$@" 5>/dev/full', '"$@" 5>&1 >/dev/null | exec true'])
+def test_progress_that_nobody_takes_is_no_failure(built, how):
+    built.write("a.h", "#define A 2\n")
+    command = ["sh", "-c", how, "sh", *built.command()]
+    assert built.run_make(command, env={"VKAPROGRESS": "5"})[0] == 0
+    assert built.program_output() == "2 1\n"
