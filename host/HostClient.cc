@@ -1,21 +1,21 @@
 // SPDX-License-Identifier: MIT
 #include <host/HostClient>
 
+#include <host/clock>
 #include <libqvio/IOException>
+#include <libqvio/ptypair>
 #include <libqvutil/QVException>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <exception>
 #include <fcntl.h>
 #include <iostream>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -38,12 +38,6 @@ struct Patience {
 };
 const Patience programEnded = {1000, 5000, 500};
 const Patience hostStopped = {40, 40, 20}; // somebody waits for the host's end
-
-int64_t nowMs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 void addFdFlag(int fd, int getCommand, int setCommand, int flag, const char* what) {
     const int flags = fcntl(fd, getCommand);
@@ -111,17 +105,16 @@ pid_t readId(int pipe) {
 HostClient::HostClient(const Options& options)
     : VKAClient(options.workdir.c_str(), options.logfile.empty(), options.maxbufsize, options.port,
                 options.logfile, options.debug),
-      child(-1), acceptAgainAt(0), clientIsDeaf(false), waitingInput(0), waitingSince(0) {
+      size(), child(-1), acceptAgainAt(0), clientIsDeaf(false), waitingInput(0), waitingSince(0) {
     const int err = pthread_atfork(nullptr, nullptr, prepareChild);
     if (err != 0)
         throw IOException(err, "cannot prepare for starting programs");
+    size.ws_col = options.columns;
+    size.ws_row = options.rows;
     if (console) {
-        checkSelectable();
-        for (int fd : {fdServer, master, slave})
-            setCloseOnExec(fd);
+        setCloseOnExec(fdServer);
         setNonBlocking(fdServer); // a client may be gone between select() and accept()
-        setNonBlocking(master);   // a program that never reads must not hold up the host
-        prepareTerminal(options);
+        prepareTerminal();
     }
 }
 
@@ -135,10 +128,11 @@ void HostClient::checkSelectable() const {
     }
 }
 
-void HostClient::prepareTerminal(const Options& options) {
-    winsize size = winsize();
-    size.ws_col = options.columns;
-    size.ws_row = options.rows;
+void HostClient::prepareTerminal() {
+    checkSelectable();
+    setCloseOnExec(master);
+    setCloseOnExec(slave);
+    setNonBlocking(master); // a program that never reads must not hold up the host
     termios tios;
     if (ioctl(master, TIOCSWINSZ, &size) == -1 || tcgetattr(master, &tios) == -1) {
         const int err = errno;
@@ -162,7 +156,7 @@ in_port_t HostClient::listeningPort() const {
 }
 
 void HostClient::releaseConsole() {
-    for (int* fd : {&fdServer, &master, &slave}) {
+    for (int* fd : {&fdServer, &master, &slave, &fdConn}) {
         if (*fd != -1)
             close(*fd);
         *fd = -1;
@@ -381,9 +375,11 @@ void HostClient::dropClient() {
 
 /** The program made the terminal its own and left it: nobody can use it again. */
 void HostClient::closeTerminal() {
-    close(master);
-    close(slave);
-    master = slave = -1;
+    for (int* fd : {&master, &slave}) {
+        if (*fd != -1)
+            close(*fd);
+        *fd = -1;
+    }
 }
 
 /** Makes room when the client has hung up and the child takes nothing of its input any more. */
@@ -417,7 +413,34 @@ bool HostClient::childEnded(Ending& ending) const {
 
 void HostClient::deliver(Signals& signals, bool stopped) {
     const Patience& patience = stopped ? hostStopped : programEnded;
-    const int64_t lastOutput = nowMs() + patience.lastOutput;
+    relayRest(signals, patience.lastOutput, patience.slowClient);
+    if (fdConn != -1)
+        closeClientGently(patience.closing);
+}
+
+int HostClient::renew(Signals& signals) {
+    stop();
+    pidset_t ended;
+    waitChildren(false, ended);
+    child = -1;
+    if (!console)
+        return 0;
+    const int stopSignal = relayRest(signals, hostStopped.lastOutput, hostStopped.slowClient);
+    closeTerminal();
+    if (openPtyPair(master, slave, O_RDWR) == -1) {
+        const int err = errno;
+        throw IOException(err, "cannot open a terminal");
+    }
+    prepareTerminal();
+    return stopSignal;
+}
+
+/**
+ * Relays what the program wrote last until there is no more, or the client takes nothing for
+ * slowClientMs. @return a signal that asked to stop meanwhile, which ends it, or 0
+ */
+int HostClient::relayRest(Signals& signals, int lastOutputMs, int slowClientMs) {
+    const int64_t lastOutput = nowMs() + lastOutputMs;
     int64_t lastTransfer = nowMs();
     while (true) {
         FdSet rfds;
@@ -435,19 +458,22 @@ void HostClient::deliver(Signals& signals, bool stopped) {
         }
         int64_t waitMs = 0;
         if (fdConn != -1 && !bufChild2Conn.empty())
-            waitMs = std::max<int64_t>(lastTransfer + patience.slowClient - nowMs(), 0);
+            waitMs = std::max<int64_t>(lastTransfer + slowClientMs - nowMs(), 0);
         timeval timeout = {static_cast<time_t>(waitMs / 1000),
                            static_cast<suseconds_t>(waitMs % 1000 * 1000)};
         const int ready = select(rfds.num(wfds), rfds.addr(), wfds.addr(), nullptr, &timeout);
         if (ready == -1 && errno == EINTR)
             continue;
-        if (ready <= 0 || (rfds.isSet(signals.fd()) && signals.take() != 0))
-            break;
+        if (ready <= 0)
+            return 0;
+        if (rfds.isSet(signals.fd())) {
+            const int stopSignal = signals.take();
+            if (stopSignal != 0)
+                return stopSignal;
+        }
         serve(rfds, wfds);
         lastTransfer = nowMs();
     }
-    if (fdConn != -1)
-        closeClientGently(patience.closing);
 }
 
 /** Lets the client see the end first: closing with input unread would reset the connection. */

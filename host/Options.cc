@@ -28,6 +28,7 @@ const char help[] =
     "  -s, --size=COLSxROWS  size of the terminal (default 80x24)\n"
     "  -e, --export=ZIP      after a successful build, pack the sources into ZIP\n"
     "  -f, --force           ask for a forced build\n"
+    "  -W, --watch           build and start again whenever ARCHIVE.zip is replaced\n"
     "  -d, --debug=LEVEL     0 to 3: trace what is done and relayed (default 0)\n"
     "  -h, --help            show this help\n"
     "  -V, --version         show the version\n"
@@ -35,17 +36,13 @@ const char help[] =
     "Exit status: the program's own; 128+N if signal N killed it, or ended vkahost;\n"
     "124 if the build failed; 125 if vkahost itself failed.\n";
 
-const option longOptions[] = {{"workdir", required_argument, nullptr, 'w'},
-                              {"port", required_argument, nullptr, 'p'},
-                              {"buffer", required_argument, nullptr, 'b'},
-                              {"log-file", required_argument, nullptr, 'l'},
-                              {"size", required_argument, nullptr, 's'},
-                              {"export", required_argument, nullptr, 'e'},
-                              {"force", no_argument, nullptr, 'f'},
-                              {"debug", required_argument, nullptr, 'd'},
-                              {"help", no_argument, nullptr, 'h'},
-                              {"version", no_argument, nullptr, 'V'},
-                              {nullptr, 0, nullptr, 0}};
+const option longOptions[] = {
+    {"workdir", required_argument, nullptr, 'w'}, {"port", required_argument, nullptr, 'p'},
+    {"buffer", required_argument, nullptr, 'b'},  {"log-file", required_argument, nullptr, 'l'},
+    {"size", required_argument, nullptr, 's'},    {"export", required_argument, nullptr, 'e'},
+    {"force", no_argument, nullptr, 'f'},         {"watch", no_argument, nullptr, 'W'},
+    {"debug", required_argument, nullptr, 'd'},   {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},       {nullptr, 0, nullptr, 0}};
 
 [[noreturn]] void fail(const std::string& message) {
     throw QVException((message + "\nTry 'vkahost --help'.").c_str());
@@ -110,12 +107,12 @@ std::string zipName(const std::string& path) {
 
 Options::Options()
     : archive(), workdir(), logfile(), exportFile(), port(2323), maxbufsize(1024 * 1024),
-      columns(80), rows(24), debug(0), force(false) {}
+      columns(80), rows(24), debug(0), force(false), watch(false) {}
 
 bool parseOptions(int argc, char* argv[], Options& options) {
     const char* workdir = "vka-work";
     int letter;
-    while ((letter = getopt_long(argc, argv, "w:p:b:l:s:e:fd:hV", longOptions, nullptr)) != -1) {
+    while ((letter = getopt_long(argc, argv, "w:p:b:l:s:e:fWd:hV", longOptions, nullptr)) != -1) {
         switch (letter) {
         case 'w':
             workdir = optarg;
@@ -137,6 +134,9 @@ bool parseOptions(int argc, char* argv[], Options& options) {
             break;
         case 'f':
             options.force = true;
+            break;
+        case 'W':
+            options.watch = true;
             break;
         case 'd':
             options.debug = static_cast<unsigned int>(toNumber(optarg, "debug level", 3));

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include <host/builder>
 
+#include <host/FileMark>
+#include <host/Signals>
 #include <host/archive>
+#include <host/clock>
+#include <host/ending>
 #include <host/report>
 
 #include <libqvio/IOException>
@@ -10,42 +14,27 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <iostream>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
-const int graceMs = 1000; // for commands of a stopped build to clean up
+const int graceMs = 1000; // for the commands of a build that is stopped to clean up
+
+// For the Makefile, whose own output the library hands over only at the end. The shell needs one
+// digit.
+const int progressFd = 9;
 
 /** The build failed, as opposed to the host. */
 class BuildFailure : public std::runtime_error {
 public:
     explicit BuildFailure(const std::string& msg) : std::runtime_error(msg) {}
-};
-
-/** Tells whether a file was replaced or written since. */
-class FileMark {
-public:
-    explicit FileMark(const std::string& path) : info() {
-        // What belongs to somebody else was not made by this build, whoever touched it meanwhile.
-        if (stat(path.c_str(), &info) == -1 || info.st_uid != geteuid())
-            info = {};
-    }
-    bool exists() const { return info.st_ino != 0; }
-    bool operator==(const FileMark& other) const {
-        return info.st_dev == other.info.st_dev && info.st_ino == other.info.st_ino &&
-               info.st_ctim.tv_sec == other.info.st_ctim.tv_sec &&
-               info.st_ctim.tv_nsec == other.info.st_ctim.tv_nsec;
-    }
-
-private:
-    struct stat info;
 };
 
 void print(const VKAClient::args_t& log) {
@@ -94,9 +83,10 @@ void build(HostClient& client, const Options& options) {
         throw;
     }
     print(log);
-    // A make that was killed counts as success for the library.
+    // A make that was killed counts as success for the library; and what belongs to somebody else
+    // was not made by this build, whoever touched it meanwhile.
     const FileMark built(program);
-    if (!built.exists() || built == old)
+    if (!built.isOwn() || built == old)
         throw BuildFailure("make ended without a new program" + likelyCause(log));
 }
 
@@ -106,7 +96,7 @@ void exportSources(HostClient& client, const std::string& file) {
     client.getSources(quoteForShell(file), log);
     print(log);
     const FileMark packed(file);
-    if (!packed.exists() || packed == old)
+    if (!packed.isOwn() || packed == old)
         throw QVException(("cannot export the sources to " + file).c_str());
 }
 
@@ -140,6 +130,8 @@ pid_t startBuild(HostClient& client, const Options& options) {
         client.releaseConsole();
         const int null = open("/dev/null", O_RDONLY);
         dup2(null, STDIN_FILENO);
+        if (dup2(STDOUT_FILENO, progressFd) == progressFd)
+            setenv("VKAPROGRESS", std::to_string(progressFd).c_str(), 1);
         const int status = buildStatus(client, options);
         std::cout.flush();
         _exit(status);
@@ -147,38 +139,46 @@ pid_t startBuild(HostClient& client, const Options& options) {
     return builder;
 }
 
-/** Ends what is left of a build after its own process. */
-void endCommands(pid_t builder) {
-    for (int waitedMs = 0; waitedMs < graceMs && kill(-builder, 0) == 0; waitedMs += 20)
-        poll(nullptr, 0, 20);
-    kill(-builder, SIGKILL);
-}
-
-int supervise(pid_t builder, Signals& signals) {
-    int stopSignal = 0;
-    int status;
-    while (waitpid(builder, &status, WNOHANG) == 0) {
-        pollfd entry = {signals.fd(), POLLIN, 0};
-        poll(&entry, 1, stopSignal == 0 ? -1 : 100);
-        const int sig = signals.take();
-        if (stopSignal == 0)
-            stopSignal = sig;
-        if (stopSignal != 0)
-            kill(-builder, SIGTERM); // again and again: it may not have had its session yet
-    }
-    if (stopSignal != 0) {
-        endCommands(builder);
-        std::cout << "vkahost: build stopped by " << signalName(stopSignal) << std::endl;
-        return 128 + stopSignal;
-    }
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    std::cerr << "vkahost: build failed: killed by " << signalName(WTERMSIG(status)) << std::endl;
-    return buildFailedStatus;
-}
-
 } // namespace
 
-int buildProgram(HostClient& client, const Options& options, Signals& signals) {
-    return supervise(startBuild(client, options), signals);
+Build::Build(HostClient& client, const Options& options) : builder(startBuild(client, options)) {}
+
+Build::~Build() {
+    stop();
+}
+
+bool Build::ended(int& status) {
+    int code;
+    pid_t pid;
+    do {
+        pid = waitpid(builder, &code, WNOHANG);
+    } while (pid == -1 && errno == EINTR);
+    const int err = errno;
+    if (pid == -1)
+        throw IOException(err, "cannot look at the build");
+    if (pid == 0)
+        return false;
+    builder = -1;
+    status = WIFEXITED(code) ? WEXITSTATUS(code) : buildFailedStatus;
+    if (WIFSIGNALED(code))
+        std::cerr << "vkahost: build failed: killed by " << signalName(WTERMSIG(code)) << std::endl;
+    return true;
+}
+
+void Build::stop() {
+    if (builder == -1)
+        return;
+    const int64_t deadline = nowMs() + graceMs;
+    bool gone = false;
+    while (nowMs() < deadline) { // several times, as it may not have had its session yet
+        gone = gone || waitpid(builder, nullptr, WNOHANG) == builder;
+        if (gone && kill(-builder, 0) == -1)
+            break;
+        kill(-builder, SIGTERM);
+        poll(nullptr, 0, 5);
+    }
+    kill(-builder, SIGKILL);
+    while (!gone && waitpid(builder, nullptr, 0) == -1 && errno == EINTR) {
+    }
+    builder = -1;
 }
