@@ -124,6 +124,47 @@ def build(directory, archive):
     record("build of 200 files, time", "shell", wall)
 
 
+def printing_archive(path, version):
+    """Replaces it at once, as a user's editor and zip do."""
+    fresh = path.with_suffix(".new")
+    with zipfile.ZipFile(fresh, "w") as archive:
+        archive.writestr("main.c", "#include <stdio.h>\n#include <unistd.h>\nint main(void) {\n"
+                         "    puts(\"%s\"); fflush(stdout); pause(); return 0;\n}\n" % version)
+    fresh.rename(path)
+
+
+def first_line(client):
+    line = b""
+    while not line.endswith(b"\n"):
+        part = client.recv(100)
+        if not part:
+            raise RuntimeError("the console was closed")
+        line += part
+    return line
+
+
+def replaced(directory):
+    """From a replaced archive to the new program's first output at the client."""
+    what = "replaced archive to first output, time"
+    archive = directory / "printing.zip"
+    command = [relays.BUILD / "host" / "vkahost", "-p0", archive]
+    printing_archive(archive, "one")
+    watching = relays.Relay([*command, "--watch"], "")
+    with socket.create_connection(("127.0.0.1", watching.port)) as client:
+        assert first_line(client) == b"one\n"
+        start = time.monotonic()
+        printing_archive(archive, "two")
+        assert first_line(client) == b"two\n"
+        record(what, "vkahost --watch", time.monotonic() - start)
+    start = time.monotonic()
+    watching.stop()
+    anew = relays.Relay(command, "")
+    with socket.create_connection(("127.0.0.1", anew.port)) as client:
+        assert first_line(client) == b"two\n"
+        record(what, "vkahost started anew", time.monotonic() - start)
+    anew.stop()
+
+
 def peaks(functions):
     for who in ("library", "floor"):
         process = subprocess.Popen(
@@ -150,6 +191,7 @@ def main():
             stuck("client that never reads", "flood %d" % (1 << 40))
             stuck("program that never reads", "silent")
             build(pathlib.Path(directory), archive)
+            replaced(pathlib.Path(directory))
             peaks(functions)
         answers_with_nagle()
         shutil.rmtree(pathlib.Path(directory, "work"))
