@@ -16,6 +16,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <spawn.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/select.h>
@@ -117,6 +118,9 @@ FUNCTION(recv, EBADF, ECONNRESET, ENOMEM, ENOTCONN, ETIMEDOUT)
 FUNCTION(close, EIO, ENOSPC, EDQUOT, EBADF)
 FUNCTION(dup2, EBADF, EBUSY, EMFILE)
 FUNCTION(pipe2, EMFILE, ENFILE, EINVAL, ENOMEM)
+FUNCTION(inotify_init1, EMFILE, ENFILE, ENOMEM)
+FUNCTION(inotify_add_watch, EACCES, ENOENT, ENOMEM, ENOSPC, ENOTDIR)
+FUNCTION(inotify_rm_watch, EINVAL)
 FUNCTION(fcntl, EBADF, EINVAL, EPERM)
 FUNCTION(poll, ENOMEM, EINVAL)
 FUNCTION(select, ENOMEM, EINVAL, EBADF)
@@ -140,6 +144,9 @@ INJECT(recv, ssize_t, __recv_chk, (int fd, void* buf, size_t size, size_t room, 
        (fd, buf, size, room, flags), -1)
 INJECT_INT(dup2, (int from, int to), (from, to))
 INJECT_INT(pipe2, (int fds[2], int flags), (fds, flags))
+INJECT_INT(inotify_init1, (int flags), (flags))
+INJECT_INT(inotify_add_watch, (int fd, const char* path, uint32_t mask), (fd, path, mask))
+INJECT_INT(inotify_rm_watch, (int fd, int watched), (fd, watched))
 INJECT(fcntl, int, fcntl, (int fd, int command, long argument), (fd, command, argument), -1)
 INJECT(fcntl, int, fcntl64, (int fd, int command, long argument), (fd, command, argument), -1)
 INJECT_INT(ioctl, (int fd, unsigned long request, void* argument), (fd, request, argument))

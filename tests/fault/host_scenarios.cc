@@ -62,6 +62,14 @@ public:
             ::kill(pid, SIGTERM);
     }
     std::string out() const { return contentOf(dir / "out"); }
+    size_t times(const std::string& text) const {
+        const std::string all = out();
+        size_t count = 0;
+        for (size_t at = 0; (at = all.find(text, at)) != std::string::npos; at += text.size())
+            ++count;
+        return count;
+    }
+    void replaceArchive() { dir.makeFile("a.zip"); }
     /** The port that it says it listens on; 0 as long as it does not. */
     in_port_t port() const {
         const std::string text = out(), line = "console on port ";
@@ -171,6 +179,28 @@ std::string unattended(std::vector<std::string> options, const char* script,
                        : ", unfetched " + host.out().substr(unfetched + 19, 5));
 }
 
+/** The archive is replaced while its program runs. */
+std::string watched() {
+    const Program program("echo hello; read line");
+    Host host({"-W"});
+    const Stopwatch watch;
+    bool replaced = false, stopped = false;
+    waitUntil([&] {
+        if (!replaced && host.times("running, console") == 1) {
+            host.replaceArchive();
+            replaced = true;
+        }
+        const bool done = host.times("running, console") == 2 || host.times("goes on") == 1 ||
+                          host.times("waiting for another archive") == 1;
+        if (!stopped && (done || watch.ms() > patienceMs)) {
+            host.terminate();
+            stopped = true;
+        }
+        return host.ended();
+    });
+    return host.end();
+}
+
 /**
  * The host ends in an orderly way: it has either lived on as if nothing had been, or says what
  * failed. What goes with the client is tried again with the next one.
@@ -192,6 +222,13 @@ const std::vector<Rule> hostRules = {
     {"*", "=|status 125: *|status 124: *|status 143*|status 7*|status 126*|status 1*"},
 };
 
+/** A build that fails leaves a host that watches as it is: it ends when it is asked to. */
+std::vector<Rule> watchRules() {
+    std::vector<Rule> rules = {{"/1:malloc", "=|status 143: *|status 101*|signal 6*"}};
+    rules.insert(rules.end(), hostRules.begin(), hostRules.end());
+    return rules;
+}
+
 } // namespace
 
 std::vector<Scenario> hostScenarios() {
@@ -205,6 +242,7 @@ std::vector<Scenario> hostScenarios() {
          hostRules, 0},
         {"host-build-fails",
          [] { return unattended({"-d2"}, "exit 7", nullptr, "echo wrong; exit 2"); }, hostRules, 0},
+        {"host-watch", watched, watchRules(), 0},
         {"host-export",
          [] {
              return unattended({"-e", "@sources.zip"}, "exit 7", "sources.zip");
