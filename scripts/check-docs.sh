@@ -7,7 +7,7 @@
 # of vkahost, man pages, the reference of the libraries, pictures. Ends with status 0 only if all of
 # it is in order. Runs with a network of its own, where README.md's port is free.
 #
-#   --build-dir DIR       a Release build of everything; made if it is not there (default build/docs)
+#   --build-dir DIR       a Release build of everything, made if there is none (default build/docs)
 #   --no-install          install nothing
 #   -h, --help            show this text
 

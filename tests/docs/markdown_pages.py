@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """The tree's Markdown pages, as a parser sees them."""
+import functools
 import pathlib
 import re
 import subprocess
@@ -17,6 +18,7 @@ def pages():
     return [name for name in listed.stdout.splitlines() if (TREE / name).exists()]
 
 
+@functools.lru_cache(maxsize=None)
 def tokens(page):
     return markdown_it.MarkdownIt("commonmark").enable("table").parse((TREE / page).read_text())
 

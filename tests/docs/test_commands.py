@@ -69,4 +69,5 @@ def test_presets_exist(block):
     for words in calls(block, "cmake"):
         if "--preset" in words:
             kind = "buildPresets" if "--build" in words else "configurePresets"
-            assert words[words.index("--preset") + 1] in [preset["name"] for preset in presets[kind]]
+            name = words[words.index("--preset") + 1]
+            assert name in [preset["name"] for preset in presets[kind]]
