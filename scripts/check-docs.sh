@@ -33,7 +33,7 @@ while [ $# -gt 0 ]; do
     shift
 done
 [ "$install" = 0 ] || install_packages "${build_packages[@]}" "${sandbox_packages[@]}" doxygen \
-    git graphviz iproute2 man-db mandoc netcat-openbsd pkg-config python3-markdown-it \
+    git graphviz iproute2 man-db mandoc netcat-openbsd pkgconf python3-markdown-it \
     python3-pytest shellcheck
 
 [ -x "$build_dir/host/vkahost" ] || build_tree "$build_dir" -DCMAKE_BUILD_TYPE=Release
