@@ -68,7 +68,7 @@ pages() {
         exec "$1/scripts/sandbox.sh" --keep "$2" -- bash -eu -c "
             cmake --install \"\$1\" --prefix /usr/local >/dev/null
             export VKAHOST=/usr/local/bin/vkahost PYTHONDONTWRITEBYTECODE=1
-            exec \"\$2\" -m pytest -p no:cacheprovider -q \"\$3/tests/docs\"
+            exec \"\$2\" -m pytest -p no:cacheprovider \"\$3/tests/docs\"
         " bash "$2" "$3" "$1"
     ' bash "$tree" "$build_dir" "$python"
 }
