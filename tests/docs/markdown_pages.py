@@ -46,14 +46,15 @@ def anchors(page):
 class Block:
     """A fenced block, with what the comment in front of it says about it."""
 
-    def __init__(self, token, mark):
+    def __init__(self, page, token, mark):
+        self.page = page
         self.language = token.info
         self.mark = mark
         self.text = token.content
         self.line = token.map[0] + 1
 
     def __repr__(self):
-        return "line %d" % self.line
+        return "%s:%d" % (self.page, self.line)
 
 
 def blocks(page):
@@ -61,7 +62,7 @@ def blocks(page):
     mark = ""
     for token in tokens(page):
         if token.type == "fence":
-            found.append(Block(token, mark))
+            found.append(Block(page, token, mark))
         comment = re.fullmatch(r"<!-- (.*) -->\s*", token.content) \
             if token.type == "html_block" else None
         mark = comment.group(1) if comment else ""

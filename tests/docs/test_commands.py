@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The shell blocks of README.md.
+"""The shell blocks of README.md and CONTRIBUTING.md.
 
 Those marked by a comment are run by test_first_program.py and test_host.py. The others install
 packages, take minutes, wait for somebody to type, or need another machine; of them only the words
@@ -13,7 +13,8 @@ import subprocess
 import pytest
 from markdown_pages import TREE, blocks
 
-SHELL = [block for block in blocks("README.md") if block.language == "sh"]
+SHELL = [block for page in ("README.md", "CONTRIBUTING.md") for block in blocks(page)
+         if block.language == "sh"]
 UNRUN = [block for block in SHELL if not block.mark]
 DIRECTORIES = {entry.name for entry in TREE.iterdir() if entry.is_dir()} - {"build"}
 
