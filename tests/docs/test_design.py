@@ -53,4 +53,5 @@ def test_map_names_what_exists(directory, names):
     assert below
     known = {part for path in below for part in (*path.parts, path.stem)}
     assert not [name for name in names
-                if name[0].islower() and "." in name and "*" not in name and name not in known]
+                if name[0].islower() and "." in name and "*" not in name
+                and name not in known and not (TREE / name).exists()]
