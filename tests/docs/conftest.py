@@ -9,7 +9,7 @@ import time
 import pytest
 from markdown_pages import the_block
 
-SECONDS = 30  # for what takes one or two, unless it hangs
+SECONDS = 120  # for what takes one or two, on a busy machine ten times as much
 
 
 @pytest.fixture(scope="session")
