@@ -8,7 +8,7 @@ from hosts import traced
 # Each with an error of its own besides those that may come at any time.
 CALLS = {"openat": "EMFILE", "read": "EIO", "write": "ENOSPC", "close": "EIO", "pipe2": "ENFILE",
          "socket": "ENOBUFS", "setsockopt": "ENOMEM", "bind": "EADDRINUSE", "listen": "EADDRINUSE",
-         "fcntl": "EBADF", "ioctl": "EIO", "poll": "ENOMEM", "pselect6": "ENOMEM",
+         "fcntl": "EBADF", "ioctl": "EIO", "pselect6": "ENOMEM",
          "wait4": "ECHILD", "waitid": "ECHILD", "chdir": "EACCES", "clone": "ENOMEM",
          "newfstatat": "EIO", "getsockname": "ENOBUFS"}
 TIMES = (1, 2, 3, 5)

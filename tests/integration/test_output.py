@@ -15,6 +15,7 @@ def test_output_of_a_run_without_client(host, tmp_path):
         INFO + r"build\(\) call: unzip -o " + re.escape(str(tmp_path / "hello.zip")) + ".*",
         INFO + r"make\(\) call: make -f /opt/quorvel/share/vka/Makefile -j [12] "
         r"BIN=/tmp/vkabin .* 2>&1",
+        r"\[1/1\] hello.c",
         r"\[DEBUG\] VKAClient::make\(\) getCmdCallOutput: ret=0 WEXITSTATUS=0 .*",
         "", "", "unzip log:", "", r"Archive:  .*/hello.zip", r" .*hello\.c *",
         "", "", "make log:", "", r"(.*\n)*.*CC +hello\.c", r"(.*\n)*.*LD +vkabin",

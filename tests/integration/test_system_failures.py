@@ -110,11 +110,18 @@ def test_interrupted_wait(host):
 
 
 def test_failing_wait(host):
-    vkahost = host(**failing(WAIT, "ENOMEM", "3+"))
-    client = vkahost.client()
-    client.command("say hello")
+    vkahost = host(script="flood 100000", **failing(WAIT, "ENOMEM", "20+"))
+    vkahost.line("vkahost: running, .*")
     assert vkahost.wait() == 125
     assert vkahost.errors() == "vkahost: cannot wait for events: Cannot allocate memory\n"
+
+
+def test_failing_wait_ends_the_build(host, fifo):
+    vkahost = host(env={"MAKE_GATE": str(fifo), **failing(WAIT, "ENOMEM")["env"]},
+                   launcher=failing(WAIT, "ENOMEM")["launcher"])
+    assert vkahost.wait() == 125
+    assert vkahost.errors() == "vkahost: cannot wait for events: Cannot allocate memory\n"
+    assert "make log:" not in vkahost.lines()
 
 
 def test_options_that_a_connection_does_not_take(host):
