@@ -107,13 +107,14 @@ shared_libraries() {
 check "SONAME and read-only relocations" shared_libraries
 check "symbols" "$tree/packaging/check-symbols.sh" "$libdir"
 
-# DESTDIR takes everything, and each file belongs to one component.
+# DESTDIR takes everything, also below another prefix, and each file belongs to one component.
 files_below() { (cd "$1" && find . -not -type d | sort); }
 install_by_component() {
     local component
-    DESTDIR=$work/dest-all cmake --install "$build_dir" || return
+    DESTDIR=$work/dest-all cmake --install "$build_dir" --prefix /elsewhere || return
     for component in runtime development host; do
-        DESTDIR=$work/dest-$component cmake --install "$build_dir" --component $component || return
+        DESTDIR=$work/dest-$component cmake --install "$build_dir" --prefix /elsewhere \
+            --component $component || return
         files_below "$work/dest-$component" >>"$work/components"
     done
     files_below "$work/dest-all" | diff - <(sort "$work/components")
