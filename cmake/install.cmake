@@ -13,6 +13,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vkaConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/vkaConfigVersion.cmake
   DESTINATION ${package_dir} COMPONENT development)
 
+install(FILES cmake/include/libvka/fortify.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/libvka COMPONENT development)
+
 # The agent needs its Makefile whoever the host is.
 install(FILES share/vka/Makefile DESTINATION ${VKA_DEVICE_ROOT}/share/vka COMPONENT host)
 install(DIRECTORY DESTINATION ${VKA_DEVICE_ROOT}/include COMPONENT host)

@@ -31,12 +31,14 @@ function(vka_library name dir)
   foreach(target ${name} ${name}_shared)
     add_library(vka::${target} ALIAS ${target})
     target_compile_features(${target} INTERFACE cxx_std_11)
-    target_include_directories(${target} INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+    target_include_directories(${target} INTERFACE
+      $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+      $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/cmake/include>)
     target_link_libraries(${target} PUBLIC Threads::Threads)
     # Users get fortification from a header that looks at their own compiler call: as a definition
     # it would warn without optimisation, blind sanitizers and clash with, or lower, another level.
     # Programs in here have theirs from vka_options, or for some tests deliberately none.
-    set(fortify "SHELL:$<$<COMPILE_LANGUAGE:CXX>:-include libqvutil/fortify.h>")
+    set(fortify "SHELL:$<$<COMPILE_LANGUAGE:CXX>:-include libvka/fortify.h>")
     if(vka_top_level)
       set(fortify $<INSTALL_INTERFACE:${fortify}>)
     endif()

@@ -7,12 +7,12 @@
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer) ||                         \
     __has_feature(thread_sanitizer)
-#define LIBQVUTIL_SANITIZED
+#define LIBVKA_SANITIZED
 #endif
 #elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define LIBQVUTIL_SANITIZED
+#define LIBVKA_SANITIZED
 #endif
 
-#if defined(__OPTIMIZE__) && !defined(_FORTIFY_SOURCE) && !defined(LIBQVUTIL_SANITIZED)
+#if defined(__OPTIMIZE__) && !defined(_FORTIFY_SOURCE) && !defined(LIBVKA_SANITIZED)
 #define _FORTIFY_SOURCE 2
 #endif
