@@ -12,11 +12,10 @@ function(vka_library name dir)
     set(unless_used EXCLUDE_FROM_ALL)
   endif()
 
-  # Set against what a project around may have chosen for its own: the shared library exports, and
-  # helpers of several sources have the same name.
+  # All set here, as a project around may have chosen something else for its own.
   add_library(${name}_objects OBJECT ${unless_used} ${ARG_SOURCES})
   set_target_properties(${name}_objects PROPERTIES
-    POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET default UNITY_BUILD OFF
+    POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET default
     CXX_STANDARD ${VKA_CXX_STANDARD} CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
   target_include_directories(${name}_objects PRIVATE ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name}_objects PRIVATE vka_options)
