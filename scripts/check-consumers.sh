@@ -251,7 +251,8 @@ check "FetchContent" consumer FetchContent "$blanks/fetched" 2 -DVKA_TREE="$blan
 
 # ---- Presets ----
 
-presets=$(cd "$tree" && cmake --list-presets | sed -n 's/^ *"\([^"]*\)".*/\1/p')
+presets=$(cd "$tree" && cmake --list-presets | sed -n 's/^ *"\([^"]*\)".*/\1/p') ||
+    die "cannot list the presets"
 [ "$(wc -w <<<"$presets")" -ge 5 ] || die "there are less presets than expected: $presets"
 for preset in $presets; do
     check "preset $preset" cmake -S "$tree" --preset "$preset" -B "$work/presets/$preset"
