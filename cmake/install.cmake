@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+#
 # What is installed besides libraries and headers. Components: runtime (shared libraries),
 # development (all that compiling and linking takes), host (vkahost and what belongs to a device).
 
