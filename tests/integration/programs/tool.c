@@ -3,6 +3,7 @@
 // Does what the environment variable SCRIPT says, then what standard input says: one command per
 // line, in SCRIPT also separated by ';'.
 #define _GNU_SOURCE
+#include <ctype.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -82,6 +83,51 @@ static void do_echo(const char* size) {
         emit(data, (size_t)got);
         left -= endless ? 0 : (unsigned long)got;
     }
+}
+
+// Tells N bytes (0: all) of the input as two digits each.
+static void do_hex(const char* size) {
+    unsigned char byte;
+    unsigned long left = strtoul(size, NULL, 10);
+    do {
+        if (read(0, &byte, 1) != 1)
+            _exit(input_lost);
+        say("%02x ", byte);
+    } while (--left != 0);
+    say("\n");
+}
+
+// Reads a line as programs do that edit it themselves, key by key and in UTF-8, and tells it.
+static void do_edit(const char* prompt) {
+    char line[200], key;
+    size_t length = 0;
+    say("%s", prompt);
+    while (read(0, &key, 1) == 1 && key != '\r') {
+        if (key == 3) { // Ctrl-C
+            length = 0;
+            say("^C\r\n%s", prompt);
+        } else if (key == 127 && length > 0) { // Backspace
+            while (--length > 0 && (line[length] & 0xc0) == 0x80)
+                ;
+            say("\b \b");
+        } else if (key != 127 && length < sizeof line) {
+            line[length++] = key;
+            emit(&key, 1);
+        }
+    }
+    say("\r\nread: %.*s\r\n", (int)length, line);
+}
+
+// Sends a control sequence to the client's terminal and tells its answer, without the escape.
+static void do_query(const char* sequence) {
+    char answer[100];
+    size_t length = 0;
+    emit(sequence, strlen(sequence));
+    do {
+        if (length == sizeof answer || read(0, &answer[length], 1) != 1)
+            _exit(input_lost);
+    } while (!isalpha((unsigned char)answer[length++]));
+    say("\r\nanswer: %.*s\r\n", (int)length - 1, answer + 1);
 }
 
 static void do_exit(const char* status) {
@@ -233,11 +279,11 @@ static const struct {
     void (*run)(const char*);
 } commands[] = {
     {"argv", do_argv},     {"cat", do_cat},     {"close", do_close},   {"ctty", do_ctty},
-    {"drip", do_drip},     {"echo", do_echo},   {"env", do_env},       {"exit", do_exit},
-    {"fds", do_fds},       {"flood", do_flood}, {"gate", do_gate},     {"hangup", do_hangup},
-    {"ignore", do_ignore}, {"link", do_link},   {"orphan", do_orphan}, {"pid", do_pid},
-    {"raise", do_raise},   {"say", do_say},     {"sleep", do_sleep},   {"touch", do_touch},
-    {"tty", do_tty},
+    {"drip", do_drip},     {"echo", do_echo},   {"edit", do_edit},     {"env", do_env},
+    {"exit", do_exit},     {"fds", do_fds},     {"flood", do_flood},   {"gate", do_gate},
+    {"hangup", do_hangup}, {"hex", do_hex},     {"ignore", do_ignore}, {"link", do_link},
+    {"orphan", do_orphan}, {"pid", do_pid},     {"query", do_query},   {"raise", do_raise},
+    {"say", do_say},       {"sleep", do_sleep}, {"touch", do_touch},   {"tty", do_tty},
 };
 
 static void obey(char* line) {
