@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <host/Options>
 
+#include <host/FileMark>
 #include <libqvio/IOException>
 #include <libqvutil/QVException>
 
@@ -103,6 +104,11 @@ std::string zipName(const std::string& path) {
     return path.find('.', path.rfind('/')) == std::string::npos ? path + ".zip" : path;
 }
 
+bool areSame(const std::string& path, const std::string& other) {
+    const FileMark mark(path);
+    return path == other || (mark.exists() && mark == FileMark(other));
+}
+
 } // namespace
 
 Options::Options()
@@ -110,12 +116,11 @@ Options::Options()
       columns(80), rows(24), debug(0), force(false), watch(false) {}
 
 bool parseOptions(int argc, char* argv[], Options& options) {
-    const char* workdir = "vka-work";
     int letter;
     while ((letter = getopt_long(argc, argv, "w:p:b:l:s:e:fWd:hV", longOptions, nullptr)) != -1) {
         switch (letter) {
         case 'w':
-            workdir = optarg;
+            options.workdir = absolutePath(optarg);
             break;
         case 'p':
             options.port = static_cast<in_port_t>(toNumber(optarg, "port", 65535));
@@ -154,6 +159,11 @@ bool parseOptions(int argc, char* argv[], Options& options) {
     if (argc - optind != 1)
         fail(argc == optind ? "no archive given" : "more than one archive given");
     options.archive = absolutePath(argv[optind]);
-    options.workdir = absolutePath(workdir);
+    if (options.workdir.empty())
+        options.workdir = absolutePath("vka-work");
+    if (areSame(options.logfile, options.archive))
+        fail("the log file is the archive");
+    if (options.watch && areSame(options.exportFile, options.archive))
+        fail("cannot export the sources to the archive that is watched");
     return true;
 }

@@ -144,17 +144,17 @@ void Session::sayWhatGoesOn() const {
 }
 
 int Session::stop() {
-    const std::string by = " stopped by " + signalName(stopSignal);
+    const std::string name = signalName(stopSignal);
     if (build)
-        std::cout << "vkahost: build" << by << std::endl;
+        std::cout << "vkahost: build stopped by " << name << std::endl;
     build.reset();
     client.stop();
     if (serving)
         closeConsole();
     if (running)
-        std::cout << "vkahost: program" << by << std::endl;
+        std::cout << "vkahost: program stopped by " << name << std::endl;
     else if (archive)
-        std::cout << "vkahost:" << by << std::endl;
+        std::cout << "vkahost: stopped by " << name << std::endl;
     return 128 + stopSignal;
 }
 

@@ -4,6 +4,8 @@
 #include <host/Session>
 #include <host/report>
 
+#include <libqvutil/QVException>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -25,7 +27,11 @@ int main(int argc, char* argv[]) {
     openStandardDescriptors();
     try {
         Options options;
-        return parseOptions(argc, argv, options) ? Session(options).run() : 0;
+        if (parseOptions(argc, argv, options))
+            return Session(options).run();
+        if (!std::cout.flush())
+            throw QVException("cannot write to standard output");
+        return 0;
     } catch (const std::exception& err) {
         return report("", err, hostFailedStatus);
     }

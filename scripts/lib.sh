@@ -16,7 +16,8 @@ export LC_ALL=C.UTF-8
     test_packages=(libgtest-dev libgmock-dev librapidcheck-dev python3-pytest)
     test_packages+=(python3-pytest-xdist)
     test_packages+=(gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf ccache distcc busybox-static)
-    test_packages+=(socat netcat-openbsd strace iproute2 procps sysvinit-utils)
+    test_packages+=(socat netcat-openbsd inetutils-telnet putty-tools expect python3-pexpect tmux)
+    test_packages+=(strace iproute2 procps sysvinit-utils)
 }
 
 say() { printf '==> %s\n' "$*"; }

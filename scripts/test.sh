@@ -75,7 +75,7 @@ run_unit_tests() {
 
 run_integration_tests() {
     local python options junit=$build_dir/integration.xml
-    python=$(find_python pytest xdist) || return
+    python=$(find_python pytest xdist pexpect) || return
     mapfile -t options < <(integration_options "$build_dir" "$python")
     "$tree/tests/integration/fetch_lua.sh" "$build_dir/lua" || return
     rm -f "$junit"

@@ -41,10 +41,11 @@ case $mode in '') modes=(bytes signals) ;; bytes | signals) modes=("$mode") ;;
 *) die "--mode takes bytes or signals" ;; esac
 case $only in '' | unit | integration) ;; *) die "--only takes unit or integration" ;; esac
 
-# About make, the archive's paths, scripts and compilers: nothing there is transferred or awaited.
+# About make, the archive's paths, scripts and compilers: nothing there is transferred or awaited. And
+# about clients, others' programs that need not live through this.
 elsewhere=(arm compile_helpers lua makefile makefile_compilers makefile_install makefile_names
-    makefile_rebuild makefile_state paths sandbox)
-selection=(child_view clients exit_status export log_file signals transfer)
+    makefile_rebuild makefile_state paths sandbox client_telnet client_tmux real_clients)
+selection=(child_view clients exit_status export log_file signals transfer watch)
 
 # Options for pytest that leave out the tests which mean nothing in a mode.
 deselected() { # MODE

@@ -69,7 +69,8 @@ def test_help_is_given_whatever_comes_behind(host, arguments):
     assert vkahost.errors() == ""
 
 
-@pytest.mark.parametrize("arguments", [[], ["--"], ["--force"], ["--workdir", "one.zip"]])
+@pytest.mark.parametrize("arguments", [[], ["--"], ["--force"], ["--workdir", "one.zip"],
+                                       ["-W"], ["--watch"]])
 def test_no_archive(refused, arguments):
     refused("vkahost: no archive given\n", *arguments, archive=None)
 
@@ -105,6 +106,12 @@ def test_empty_archive_name(refused):
     ("--force=", "option '--force' doesn't allow an argument"),
     ("--force=yes", "option '--force' doesn't allow an argument"),
     ("--fo=yes", "option '--force' doesn't allow an argument"),
+    ("--watch=x", "option '--watch' doesn't allow an argument"),
+    ("--watch=", "option '--watch' doesn't allow an argument"),
+    ("--wat=1", "option '--watch' doesn't allow an argument"),
+    ("-Wx", "invalid option -- 'x'"),
+    ("--w=x", "option '--w=x' is ambiguous; possibilities: '--workdir' '--watch'"),
+    ("--w", "option '--w' is ambiguous; possibilities: '--workdir' '--watch'"),
     ("--help=me", "option '--help' doesn't allow an argument"),
     ("--version=1", "option '--version' doesn't allow an argument"),
 ])
@@ -174,6 +181,9 @@ def test_bad_size(refused, value):
     (["-l", "", "-l", "log"], "empty path"),
     (["-d4", "--help"], "invalid debug level"),
     (["-sx", "-px"], "invalid terminal size"),
+    (["-W", "-px"], "invalid port"),
+    (["-Wpx"], "invalid port"),
+    (["-w", "", "-w", "other"], "empty path"),
 ])
 def test_each_of_several_values_counts(refused, arguments, message):
     """The first one that is wrong is told of; a good one does not make up for it."""
@@ -200,6 +210,36 @@ def test_option_behind_the_archive(host, tool_archive):
     vkahost = host(tool_archive, "-s2x2", archive=None, script="tty;exit 7")
     assert vkahost.wait() == 7
     assert vkahost.unfetched() == b"2x2 raw\n"
+
+
+@pytest.mark.parametrize("name", ["archive.zip", "./archive.zip", "link"])
+def test_log_file_that_is_the_archive(host, tool_archive, tmp_path, name):
+    archive = shutil.copy(tool_archive, tmp_path / "archive.zip")
+    (tmp_path / "link").symlink_to(archive)
+    vkahost = host("-l", name, archive="archive.zip", cwd=tmp_path)
+    assert vkahost.wait() == 125
+    assert vkahost.errors() == "vkahost: the log file is the archive\n" + HINT
+    assert archive.read_bytes() == tool_archive.read_bytes()
+
+
+@pytest.mark.parametrize("name", ["archive.zip", "./archive.zip", "link.zip", "archive"])
+def test_export_to_the_archive_that_is_watched(host, tool_archive, tmp_path, name):
+    """It would be built again and again."""
+    archive = shutil.copy(tool_archive, tmp_path / "archive.zip")
+    (tmp_path / "link.zip").symlink_to(archive)
+    vkahost = host("-W", "-e", name, archive="archive.zip", cwd=tmp_path)
+    assert vkahost.wait() == 125
+    assert vkahost.errors() == \
+        "vkahost: cannot export the sources to the archive that is watched\n" + HINT
+    assert archive.read_bytes() == tool_archive.read_bytes()
+
+
+@pytest.mark.parametrize("option", ["--help", "--version"])
+def test_text_that_cannot_be_written(host, option):
+    with open("/dev/full", "wb") as full:
+        vkahost = host(option, archive=None, stdout=full)
+    assert vkahost.wait() == 125
+    assert vkahost.errors() == "vkahost: cannot write to standard output\n"
 
 
 @pytest.mark.parametrize("name", ["-f.zip", "--help", "-"])
