@@ -36,7 +36,7 @@ Session::Session(const Options& _options)
       serving(false), running(false), stopSignal(0) {}
 
 int Session::run() {
-    startBuild();
+    build.reset(new Build(client, options));
     int status = goOn;
     while (status == goOn) {
         FdSet rfds;
@@ -51,7 +51,7 @@ int Session::run() {
                 status = stop();
         }
         if (status == goOn && archive && archive->replaced(rfds))
-            startBuild();
+            buildAgain();
     }
     return status;
 }
@@ -79,13 +79,11 @@ void Session::wait(FdSet& rfds) {
         client.serve(rfds, wfds);
 }
 
-void Session::startBuild() {
-    if (build) {
-        build.reset();
-        std::cout << "vkahost: build stopped, as the archive was replaced again" << std::endl;
-    } else if (serving) {
-        std::cout << "vkahost: archive replaced" << std::endl;
-    }
+void Session::buildAgain() {
+    std::cout << (build ? "vkahost: build stopped, as the archive was replaced again"
+                        : "vkahost: archive replaced")
+              << std::endl;
+    build.reset();
     build.reset(new Build(client, options));
 }
 

@@ -178,6 +178,8 @@ void Build::stop() {
         poll(nullptr, 0, 5);
     }
     kill(-builder, SIGKILL);
+    if (!gone)
+        kill(builder, SIGKILL);
     while (!gone && waitpid(builder, nullptr, 0) == -1 && errno == EINTR) {
     }
     builder = -1;

@@ -147,6 +147,7 @@ def test_the_first_build_may_fail(watch, archive, first):
     vkahost.line("vkahost: waiting for another archive")
     archive.write("one")
     connect(vkahost)
+    vkahost.line("vkahost: archive replaced")
 
 
 def test_a_program_that_ends_is_not_the_end(watch, archive):
