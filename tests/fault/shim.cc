@@ -64,6 +64,13 @@ size_t cut(size_t size) {
     return 1;
 }
 
+/** What happens to files is read as whole events; a shorter read fails. */
+size_t cutRead(int fd, size_t size) {
+    struct stat info;
+    const bool events = cutting && fstat(fd, &info) == 0 && (info.st_mode & S_IFMT) == 0;
+    return events ? size : cut(size);
+}
+
 /** Files take all; so do pipes what is small: that is promised. */
 size_t cutWrite(int fd, size_t size) {
     struct stat info;
@@ -166,12 +173,12 @@ __attribute__((destructor)) void end() {
 extern "C" {
 
 ssize_t read(int fd, void* data, size_t size) {
-    return HIDDEN(read)(fd, data, cut(size));
+    return HIDDEN(read)(fd, data, cutRead(fd, size));
 }
 
 ssize_t __read_chk(int fd, void* data, size_t size, size_t room);
 ssize_t __read_chk(int fd, void* data, size_t size, size_t room) {
-    return HIDDEN(__read_chk)(fd, data, size > room ? size : cut(size), room);
+    return HIDDEN(__read_chk)(fd, data, size > room ? size : cutRead(fd, size), room);
 }
 
 ssize_t recv(int fd, void* data, size_t size, int flags) {
