@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <getopt.h>
 #include <iostream>
 #include <sstream>
@@ -37,8 +38,7 @@ private:
     bool setBuffer(std::string value);
     bool setSize(const std::string& value);
     bool setFrom(std::vector<char*>& argv);
-
-    std::string workdir = "vka-work";
+    bool isArchive(const std::string& path) const;
 };
 
 /** Digits only, with a value up to most. */
@@ -90,8 +90,7 @@ bool Meaning::set(int letter, const std::string& value) {
     uintmax_t number;
     switch (letter) {
     case 'w':
-        workdir = value;
-        return true;
+        return setPath(value, options.workdir);
     case 'p':
         if (!isNumber(value, 65535, number))
             return false;
@@ -115,6 +114,9 @@ bool Meaning::set(int letter, const std::string& value) {
     case 'f':
         options.force = true;
         return true;
+    case 'W':
+        options.watch = true;
+        return true;
     case 'd':
         if (!isNumber(value, 3, number))
             return false;
@@ -124,17 +126,22 @@ bool Meaning::set(int letter, const std::string& value) {
     return false;
 }
 
+bool Meaning::isArchive(const std::string& path) const {
+    std::error_code none;
+    return path == options.archive || std::filesystem::equivalent(path, options.archive, none);
+}
+
 /** @return false when it is wrong */
 bool Meaning::setFrom(std::vector<char*>& argv) {
     static const option names[] = {
-        {"workdir", 1, nullptr, 'w'},  {"port", 1, nullptr, 'p'},  {"buffer", 1, nullptr, 'b'},
-        {"log-file", 1, nullptr, 'l'}, {"size", 1, nullptr, 's'},  {"export", 1, nullptr, 'e'},
-        {"force", 0, nullptr, 'f'},    {"debug", 1, nullptr, 'd'}, {"help", 0, nullptr, 'h'},
-        {"version", 0, nullptr, 'V'},  {nullptr, 0, nullptr, 0}};
+        {"workdir", 1, nullptr, 'w'},  {"port", 1, nullptr, 'p'},    {"buffer", 1, nullptr, 'b'},
+        {"log-file", 1, nullptr, 'l'}, {"size", 1, nullptr, 's'},    {"export", 1, nullptr, 'e'},
+        {"force", 0, nullptr, 'f'},    {"watch", 0, nullptr, 'W'},   {"debug", 1, nullptr, 'd'},
+        {"help", 0, nullptr, 'h'},     {"version", 0, nullptr, 'V'}, {nullptr, 0, nullptr, 0}};
     const int argc = static_cast<int>(argv.size()) - 1;
     optind = 0; // makes the C library start anew
     int letter;
-    while ((letter = getopt_long(argc, argv.data(), "b:d:e:fhl:p:s:Vw:", names, nullptr)) != -1) {
+    while ((letter = getopt_long(argc, argv.data(), "b:d:e:fhl:p:s:VWw:", names, nullptr)) != -1) {
         if (letter == 'h' || letter == 'V') {
             printed = letter == 'h' ? "Usage: vkahost " : "vkahost " VKA_VERSION "\n";
             return true;
@@ -143,7 +150,8 @@ bool Meaning::setFrom(std::vector<char*>& argv) {
             return false;
     }
     return argc - optind == 1 && setPath(argv[static_cast<size_t>(optind)], options.archive) &&
-           setPath(workdir, options.workdir);
+           (!options.workdir.empty() || setPath("vka-work", options.workdir)) &&
+           !isArchive(options.logfile) && !(options.watch && isArchive(options.exportFile));
 }
 
 Meaning::Meaning(std::vector<char*> argv) {
@@ -234,5 +242,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     REQUIRE(options.port == expected.port && options.maxbufsize == expected.maxbufsize);
     REQUIRE(options.columns == expected.columns && options.rows == expected.rows);
     REQUIRE(options.debug == expected.debug && options.force == expected.force);
+    REQUIRE(options.watch == expected.watch);
     return 0;
 }
