@@ -12,8 +12,8 @@ from terminals import ADDRESS, ends, environment, in_terminal, open_gate, socat
 EVERY_BYTE = bytes(range(256))
 
 
-def in_raw_terminal(prefix, command):
-    return ["sh", "-c", "stty raw -echo && %s %s" % (prefix, " ".join(command))]
+def in_raw_terminal(command):
+    return ["sh", "-c", "stty raw -echo && exec " + " ".join(command)]
 
 
 # For programs that read lines: the terminal stays as it is, which echoes and edits.
@@ -22,11 +22,10 @@ LINE_CLIENTS = {
     "plink": lambda port: ["plink", "-raw", "-P", str(port), ADDRESS],
     "socat": lambda port: ["socat", "-", "TCP:%s:%d" % (ADDRESS, port)],
 }
-# For programs that take each key; and the keys that do not get through.
+# For programs that take each key; and the keys that do not get through. plink makes a terminal cooked
+# again, and behind "cat |" takes its output to be non-blocking, which is cat's input, too.
 KEY_CLIENTS = {
-    "nc": (lambda port: in_raw_terminal("exec", LINE_CLIENTS["nc"](port)), b""),
-    # Before a terminal it would make that cooked again.
-    "plink": (lambda port: in_raw_terminal("cat |", LINE_CLIENTS["plink"](port)), b""),
+    "nc": (lambda port: in_raw_terminal(LINE_CLIENTS["nc"](port)), b""),
     "socat": (socat, b"\x1d"),
 }
 ALL_CLIENTS = {
