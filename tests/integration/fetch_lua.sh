@@ -45,7 +45,8 @@ END
 download() {
     # Not every configured source has source packages; what counts is whether ours arrives. An index
     # read in the middle of its update does not match its sums: the caller tries again.
-    apt-get -q -c "$private/apt.conf" update || true
+    apt-get -q -c "$private/apt.conf" update ||
+        say "not every index was read"
     (cd "$private" && apt-get -q -c "$private/apt.conf" source --download-only "$package")
 }
 
