@@ -14,23 +14,8 @@ set -eu -o pipefail
 # shellcheck source-path=SCRIPTDIR source=../scripts/lib.sh
 . "$(dirname -- "$0")/../scripts/lib.sh"
 
-arch='' build_dir='' install=1
-while [ $# -gt 0 ]; do
-    case $1 in
-    --arch | --build-dir)
-        option_value "$1" $#
-        declare "$(tr - _ <<<"${1#--}")=$2"
-        shift
-        ;;
-    --no-install) install=0 ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    *) die "unknown argument $1 (-h for help)" ;;
-    esac
-    shift
-done
+arch='' build_dir=''
+read_options "arch= build-dir=" "$@"
 
 native=$(dpkg --print-architecture)
 : "${arch:=$native}"
@@ -42,7 +27,7 @@ if [ "$arch" != "$native" ]; then
     packages+=(g++-arm-linux-gnueabihf)
     cross=(-DCMAKE_TOOLCHAIN_FILE="$tree/cmake/armhf.cmake")
 fi
-[ "$install" = 0 ] || install_packages "${packages[@]}" >&2
+need_packages "${packages[@]}" >&2
 mkdir -p "$build_dir"
 build_dir=$(cd -- "$build_dir" && pwd -P)
 

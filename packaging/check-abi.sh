@@ -12,25 +12,11 @@ set -eu -o pipefail
 # shellcheck source-path=SCRIPTDIR source=../scripts/lib.sh
 . "$(dirname -- "$0")/../scripts/lib.sh"
 
-build_dir=$tree/build/abi install=1 base=''
-while [ $# -gt 0 ]; do
-    case $1 in
-    --build-dir)
-        option_value "$1" $#
-        build_dir=$2
-        shift
-        ;;
-    --no-install) install=0 ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    -*) die "unknown option $1 (-h for help)" ;;
-    *) base=$1 ;;
-    esac
-    shift
-done
-[ "$install" = 0 ] || install_packages g++ make cmake git abigail-tools binutils
+build_dir=$tree/build/abi
+read_options "build-dir= ..." "$@"
+[ ${#words[@]} -le 1 ] || die "more than one base (-h for help)"
+base=${words[0]-}
+need_packages g++ make cmake git abigail-tools binutils
 mkdir -p "$build_dir"
 build_dir=$(cd -- "$build_dir" && pwd -P)
 libraries=(qvutil qvio qvproc vka)

@@ -18,28 +18,13 @@ set -eu -o pipefail
 # shellcheck source-path=SCRIPTDIR source=../tests/device/lib.sh
 . "$(dirname -- "$0")/../tests/device/lib.sh"
 
-build_dir=$tree/build/packages install=1 cache=${XDG_CACHE_HOME:-$HOME/.cache}/vka-device
-while [ $# -gt 0 ]; do
-    case $1 in
-    --build-dir | --cache)
-        option_value "$1" $#
-        declare "$(tr - _ <<<"${1#--}")=$2"
-        shift
-        ;;
-    --no-install) install=0 ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    *) die "unknown argument $1 (-h for help)" ;;
-    esac
-    shift
-done
+build_dir=$tree/build/packages cache=${XDG_CACHE_HOME:-$HOME/.cache}/vka-device
+read_options "build-dir= cache=" "$@"
 
 native=$(dpkg --print-architecture)
 packages=(dpkg-dev file lintian pkgconf systemd mmdebstrap arch-test qemu-user-static zip mount)
 packages+=(g++ make cmake g++-arm-linux-gnueabihf)
-[ "$install" = 0 ] || install_packages "${packages[@]}"
+need_packages "${packages[@]}"
 mkdir -p "$cache" "$build_dir"
 cache=$(cd -- "$cache" && pwd -P)
 build_dir=$(cd -- "$build_dir" && pwd -P)

@@ -14,24 +14,9 @@ set -eu -o pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 . "$(dirname -- "$0")/lib.sh"
 
-build_dir=$tree/build/analyse install=1
-while [ $# -gt 0 ]; do
-    case $1 in
-    --build-dir)
-        option_value "$1" $#
-        build_dir=$2
-        shift
-        ;;
-    --no-install) install=0 ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    *) die "unknown argument $1 (-h for help)" ;;
-    esac
-    shift
-done
-[ "$install" = 0 ] || install_packages make cmake clang clang-tidy cppcheck python3
+build_dir=$tree/build/analyse
+read_options "build-dir=" "$@"
+need_packages make cmake clang clang-tidy cppcheck python3
 
 mkdir -p "$build_dir"
 build_dir=$(cd -- "$build_dir" && pwd -P)

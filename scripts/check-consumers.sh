@@ -16,25 +16,10 @@ set -eu -o pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 . "$(dirname -- "$0")/lib.sh"
 
-build_dir='' install=1
-while [ $# -gt 0 ]; do
-    case $1 in
-    --build-dir)
-        option_value "$1" $#
-        build_dir=$2
-        shift
-        ;;
-    --no-install) install=0 ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    *) die "unknown argument $1 (-h for help)" ;;
-    esac
-    shift
-done
+build_dir=''
+read_options "build-dir=" "$@"
 # clang++ and the ARM compiler, GTest and rapidcheck are for the presets.
-[ "$install" = 0 ] || install_packages "${build_packages[@]}" clang pkgconf libgtest-dev \
+need_packages "${build_packages[@]}" clang pkgconf libgtest-dev \
     libgmock-dev librapidcheck-dev g++-arm-linux-gnueabihf
 
 work=$tree/build/consumers

@@ -15,24 +15,9 @@ set -eu -o pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 . "$(dirname -- "$0")/lib.sh"
 
-build_dir=$tree/build/docs install=1
-while [ $# -gt 0 ]; do
-    case $1 in
-    --build-dir)
-        option_value "$1" $#
-        build_dir=$2
-        shift
-        ;;
-    --no-install) install=0 ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    *) die "unknown argument $1 (-h for help)" ;;
-    esac
-    shift
-done
-[ "$install" = 0 ] || install_packages "${build_packages[@]}" "${sandbox_packages[@]}" doxygen \
+build_dir=$tree/build/docs
+read_options "build-dir=" "$@"
+need_packages "${build_packages[@]}" "${sandbox_packages[@]}" doxygen \
     git graphviz iproute2 man-db mandoc netcat-openbsd pkgconf python3-markdown-it \
     python3-pytest shellcheck
 

@@ -23,27 +23,10 @@ set -eu
 min_lines=100 min_branches=95
 libraries='(libqvutil|libqvio|libqvproc|libvka)/' # headers have no suffix
 
-build_dir=$tree/build/coverage install=1 run=1
-while [ $# -gt 0 ]; do
-    case $1 in
-    --build-dir)
-        option_value "$1" $#
-        build_dir=$2
-        shift
-        ;;
-    --no-run) run=0 ;;
-    --no-install) install=0 ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    *) die "unknown argument $1 (-h for help)" ;;
-    esac
-    shift
-done
+build_dir=$tree/build/coverage no_run=''
+read_options "build-dir= no-run" "$@"
 
-[ "$install" = 0 ] ||
-    install_packages "${build_packages[@]}" "${sandbox_packages[@]}" "${test_packages[@]}" gcovr
+need_packages "${build_packages[@]}" "${sandbox_packages[@]}" "${test_packages[@]}" gcovr
 
 mkdir -p "$build_dir"
 build_dir=$(cd -- "$build_dir" && pwd -P)
@@ -64,7 +47,7 @@ injected_faults() {
     "$tree/tests/fault/run" --no-install --build-dir "$build_dir" --calls --sample 5
 }
 
-if [ "$run" = 1 ]; then
+if [ -z "$no_run" ]; then
     # Without optimisation each branch is one of the source; Debug leaves out fortification.
     say "building in $build_dir (with counters)"
     build_tree "$build_dir" -DVKA_BUILD_TESTS=ON -DCMAKE_BUILD_TYPE=Debug \

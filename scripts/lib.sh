@@ -5,6 +5,8 @@
 
 tree=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd -P)
 
+install=1 # missing packages; see read_options
+
 # The same messages, sort order and number format on every machine.
 export LC_ALL=C.UTF-8
 
@@ -25,6 +27,37 @@ say() { printf '==> %s\n' "$*"; }
 die() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
     exit 1
+}
+
+# read_options KNOWN [ARGUMENT]...: of the options that KNOWN names, build-dir= sets the variable
+# build_dir to its value and all sets the variable all to 1. With ... in KNOWN, other words go to the
+# array words. --no-install sets install=0 and --help prints the usage; anything else is refused.
+read_options() {
+    local known=" $1 " name
+    shift
+    words=()
+    while [ $# -gt 0 ]; do
+        name=${1#--}
+        if [[ $1 =~ ^--[a-z-]+$ && $known == *" $name= "* ]]; then
+            option_value "$1" $#
+            declare -g "${name//-/_}=$2"
+            shift
+        elif [[ $1 =~ ^--[a-z-]+$ && $known == *" $name "* ]]; then
+            declare -g "${name//-/_}=1"
+        elif [[ $1 != -* && $known == *" ... "* ]]; then
+            words+=("$1")
+        else
+            case $1 in
+            --no-install) install=0 ;;
+            -h | --help)
+                print_usage
+                exit
+                ;;
+            *) die "unknown argument $1 (-h for help)" ;;
+            esac
+        fi
+        shift
+    done
 }
 
 # option_value OPTION COUNT: complains unless OPTION is followed by a value; COUNT is "$#".
@@ -78,6 +111,9 @@ install_packages() {
     retry apt_get install --no-install-recommends --no-remove "${missing[@]}" ||
         die "cannot install ${missing[*]}"
 }
+
+# need_packages NAME...: installs those that are missing, unless --no-install was given.
+need_packages() { [ "$install" = 0 ] || install_packages "$@"; }
 
 # integration_options DIR PYTHON: options, a line each, for a pytest in the sandbox that keeps DIR. As
 # many tests as there are processors run at a time, each process of tests in a sandbox of its own.

@@ -17,23 +17,8 @@ set -eu
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 . "$(dirname -- "$0")/lib.sh"
 
-build_dir=$tree/build/test filter='' install=1
-while [ $# -gt 0 ]; do
-    case $1 in
-    --build-dir | --filter)
-        option_value "$1" $#
-        declare "$(tr - _ <<<"${1#--}")=$2"
-        shift
-        ;;
-    --no-install) install=0 ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    *) die "unknown argument $1 (-h for help)" ;;
-    esac
-    shift
-done
+build_dir=$tree/build/test filter=''
+read_options "build-dir= filter=" "$@"
 
 # valgrind shows in /proc as itself; takes its libraries out of what is executed; has descriptors of
 # its own, in each child others; reads an address beyond its length; needs more stack and descriptors
@@ -47,7 +32,7 @@ excluded=(ProcPrivate.StatusLineByEachKindOfId VKAClientProgram.runsUnderItsName
     RmDir.StackAndDescriptorsDoNotGrowWithTheDepth
     VKAClientRun.leavesNothingOpenAfterManyRuns)
 
-[ "$install" = 0 ] || install_packages "${build_packages[@]}" "${sandbox_packages[@]}" \
+need_packages "${build_packages[@]}" "${sandbox_packages[@]}" \
     "${test_packages[@]}" valgrind
 say "building in $build_dir"
 mkdir -p "$build_dir"

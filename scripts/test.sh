@@ -18,27 +18,11 @@ set -eu
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 . "$(dirname -- "$0")/lib.sh"
 
-build_dir='' build_type=Release sanitize='' only='' filter='' install=1
-while [ $# -gt 0 ]; do
-    case $1 in
-    --build-dir | --build-type | --sanitize | --only | --filter)
-        option_value "$1" $#
-        declare "$(tr - _ <<<"${1#--}")=$2"
-        shift
-        ;;
-    --no-install) install=0 ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    *) die "unknown argument $1 (-h for help)" ;;
-    esac
-    shift
-done
+build_dir='' build_type=Release sanitize='' only='' filter=''
+read_options "build-dir= build-type= sanitize= only= filter=" "$@"
 case $only in '' | unit | integration) ;; *) die "--only takes unit or integration" ;; esac
 
-[ "$install" = 0 ] ||
-    install_packages "${build_packages[@]}" "${sandbox_packages[@]}" "${test_packages[@]}"
+need_packages "${build_packages[@]}" "${sandbox_packages[@]}" "${test_packages[@]}"
 
 : "${build_dir:=$tree/build/test${sanitize:+-${sanitize//,/-}}}"
 [ "$only" = integration ] && unit=OFF || unit=ON

@@ -19,24 +19,8 @@ set -eu
 # shellcheck source-path=SCRIPTDIR source=../../scripts/lib.sh
 . "$(dirname -- "$0")/../../scripts/lib.sh"
 
-build_dir=$tree/build/disturbed mode='' only='' all=0 arguments=()
-while [ $# -gt 0 ]; do
-    case $1 in
-    --build-dir | --mode | --only)
-        option_value "$1" $#
-        declare "$(tr - _ <<<"${1#--}")=$2"
-        shift
-        ;;
-    --all) all=1 ;;
-    --no-install) arguments+=("$1") ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    *) die "unknown argument $1 (-h for help)" ;;
-    esac
-    shift
-done
+build_dir=$tree/build/disturbed mode='' only='' all=''
+read_options "build-dir= mode= only= all" "$@"
 case $mode in '') modes=(bytes signals) ;; bytes | signals) modes=("$mode") ;;
 *) die "--mode takes bytes or signals" ;; esac
 case $only in '' | unit | integration) ;; *) die "--only takes unit or integration" ;; esac
@@ -75,7 +59,7 @@ run_tests() { # MODE KIND
     for file in "$tree"/tests/integration/test_*.py; do
         name=$(basename "${file#"$tree"/tests/integration/test_}" .py)
         if [[ " ${elsewhere[*]} " == *" $name "* ]] ||
-            { [ $all = 0 ] && [[ " ${selection[*]} " != *" $name "* ]]; }; then
+            { [ -z "$all" ] && [[ " ${selection[*]} " != *" $name "* ]]; }; then
             ignored+=("--ignore=$file")
         fi
     done
