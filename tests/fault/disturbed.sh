@@ -104,6 +104,7 @@ count_tests() { # KIND
     fi
 }
 
+need_packages "${build_packages[@]}" "${sandbox_packages[@]}" "${test_packages[@]}"
 say "building in $build_dir"
 mkdir -p "$build_dir"
 build_dir=$(cd -- "$build_dir" && pwd -P)
