@@ -47,6 +47,11 @@ class Output:
                     return match and [group.decode() for group in (match[0], *match.groups())]
                 self.changed.wait(end - time.monotonic())
 
+    def line(self, pattern, deadline=DEADLINE):
+        """Waits for a line, with its end: a match of only its beginning would leave the rest to
+        come when the test has gone on."""
+        return self.search("^(?:" + pattern + r")(?=\n)", deadline)
+
     def whole(self, deadline=DEADLINE):
         """Everything up to the stream's end."""
         end = time.monotonic() + deadline
@@ -94,12 +99,12 @@ class Host:
 
     def line(self, pattern, deadline=DEADLINE):
         """Waits for a line on standard output; returns the match and its groups."""
-        found = self.out.search("^" + pattern + "$", deadline)
+        found = self.out.line(pattern, deadline)
         assert found, "no line %r" % pattern
         return found
 
     def error_line(self, pattern, deadline=DEADLINE):
-        found = self.err.search("^" + pattern + "$", deadline)
+        found = self.err.line(pattern, deadline)
         assert found, "no line %r on standard error" % pattern
         return found
 

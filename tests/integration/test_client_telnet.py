@@ -134,6 +134,7 @@ def test_answers_to_what_looks_like_a_request_are_input(client):
 def test_leaving(host, tmp_path):
     vkahost = host(script="say ready")
     with telnet(vkahost, tmp_path) as client:
+        client.expect_exact(b"\r\n")
         order(client, b"quit")
         assert ends(client) == (b"Connection closed.\r\n", 0)
     assert vkahost.client().ask("say still there") == "still there"

@@ -126,7 +126,7 @@ def test_ctrl_d_only_ends_what_nc_sends(host, tmp_path, fifo):
 def test_window_is_closed(host, tmp_path, name):
     vkahost = host(script="say ready")
     with in_terminal(ALL_CLIENTS[name](vkahost.port), tmp_path) as client:
-        client.expect_exact(b"ready")
+        client.expect(rb"ready\r?\n")
     assert vkahost.client().ask("say still there") == "still there"
 
 

@@ -71,7 +71,7 @@ def disturbed(pid, injection):
                               stderr=subprocess.PIPE, bufsize=0)
     messages = Output(tracer.stderr)
     try:
-        assert messages.search("attached$", DEADLINE), messages.so_far()
+        assert messages.line(".*attached"), messages.so_far()
         yield
     finally:
         tracer.terminate()

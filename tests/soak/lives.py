@@ -97,7 +97,7 @@ class Life:
         self.client.command("sleep")
 
     def ended(self):
-        return self.host.out.search("^%s$" % LAST[self.last], 0) is not None
+        return self.host.out.line(LAST[self.last], 0) is not None
 
     def phase_of_death(self):
         """The phase that was the last one, by all that was written."""
@@ -105,4 +105,4 @@ class Life:
         if self.last:
             return "ended" if self.ended() else self.last
         return [phase for phase, line in LINES.items()
-                if line is None or self.host.out.search("^%s$" % line, 0)][-1]
+                if line is None or self.host.out.line(line, 0)][-1]
