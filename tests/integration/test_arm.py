@@ -14,7 +14,7 @@ from processes import PROGRAM
 
 
 @pytest.mark.parametrize("example, compiler, flags", [("calculator", "gcc", "VKACFLAGS"),
-                                                      ("adventure", "g++", "VKACXXFLAGS")])
+                                                      ("maze", "g++", "VKACXXFLAGS")])
 def test_native_compiler_gets_the_fixed_flags(host, tmp_path, example, compiler, flags):
     archive = pack_directory(tmp_path / "example.zip", EXAMPLES / example)
     vkahost = host(archive=archive, fast=False, env={"V": "1"})
