@@ -187,8 +187,11 @@ Proc::pidset_t Proc::stopChildren() {
     while (!children.empty()) {
         const int64_t left = deadline - nowMs();
         if (left <= 0) {
-            // One that may not be killed, as it has become another user's, is not waited for.
-            waitChildren(killChildren(SIGKILL) == 0, nullptr);
+            for (pidset_t::iterator it = children.begin(); it != children.end();) {
+                const int child = *it++; // wait() may take it out of the set
+                // One that may not be killed, as it has become another user's, is not waited for.
+                wait(child, !isUnreaped(child) || ::kill(child, SIGKILL) == 0, nullptr);
+            }
             break;
         }
         awaitEnd(children, left, napMs);

@@ -34,12 +34,14 @@ typedef Proc::pidset_t pidset_t;
 
 Fault forkFault, killFault, waitFault, pidfdFault;
 std::vector<std::pair<pid_t, int>> sent; // what kill() was asked for
+pid_t anothers;                          // a process that kill() may not reach
 
 // Wide, for busy and emulated machines; what is told apart from them lasts longer.
-const long promptMs = 1500;                   // longest way of noticing an end at once
-const long waitingCpuMs = 300;                // most that sleeping may take of the processor
-const long graceMs = 2000, graceEndMs = 3900; // less than two graces
-const long countedGraceMs = graceMs - 1;      // the wait and the test both count whole milliseconds
+const long promptMs = 1500;              // longest way of noticing an end at once
+const long waitingCpuMs = 300;           // most that sleeping may take of the processor
+const long graceMs = 2000;               // for all children together
+const long stuckMs = 20000;              // nothing goes on any more
+const long countedGraceMs = graceMs - 1; // the wait and the test both count whole milliseconds
 
 static_assert(Proc::stopGraceMs == graceMs, "");
 static_assert(std::is_same<std::set<int>, Proc::pidset_t>::value, "");
@@ -83,6 +85,26 @@ bool awaitStop(pid_t pid) {
                info.si_pid == pid;
     });
 }
+
+/** Repeats what has to be quick, as a busy machine may hold up anything for a while. */
+class Promptly {
+public:
+    ~Promptly() { EXPECT_LT(best, promptMs); }
+    bool again() { return best >= promptMs && left-- > 0; }
+
+    /** Does it and looks at the clock. */
+    template <typename Function>
+    auto operator()(Function function) {
+        const Stopwatch watch;
+        const auto result = function();
+        best = std::min(best, watch.ms());
+        return result;
+    }
+
+private:
+    long best = stuckMs;
+    int left = 4;
+};
 
 /** Is it a child of this process, running or not reaped? */
 bool isChild(pid_t pid) {
@@ -192,7 +214,7 @@ extern "C" int __wrap_kill(pid_t pid, int sig) {
     sent.emplace_back(pid, sig);
     if (killFault.hit())
         return -1;
-    if (pid <= 0) { // a group or every process: no test may do that to the machine
+    if (pid <= 0 || pid == anothers) { // not a group or every process, either: no test may do that
         errno = EPERM;
         return -1;
     }
@@ -281,7 +303,8 @@ TEST_F(ProcTest, WaitLooksOrWaits) {
     const pid_t pid = proc.fork();
     if (pid == 0) {
         char byte;
-        _exit(read(go.readEnd.get(), &byte, 1) == 1 ? 7 : 8);
+        const auto take = [&] { return read(go.readEnd.get(), &byte, 1); };
+        _exit(vkatest::uninterrupted(take) == 1 ? 7 : 8);
     }
     int status = -1;
     EXPECT_EQ(0, proc.wait(pid, false, &status));
@@ -384,16 +407,16 @@ TEST_P(ProcWaiting, WaitChildReapsTheLowestThatHasEnded) {
 
 TEST_P(ProcWaiting, WaitChildWaitsForAnyWithoutUsingTheProcessor) {
     const pid_t running = start();
+    const Stopwatch watch;
     const pid_t ending = start([] {
         sleepMs(700);
         return 0;
     });
-    const Stopwatch watch;
     const long cpu = cpuMs();
     EXPECT_EQ(ending, proc.waitChild(true));
     EXPECT_LT(cpuMs() - cpu, waitingCpuMs);
-    EXPECT_GE(watch.ms(), 500);
-    EXPECT_LT(watch.ms(), 700 + promptMs);
+    EXPECT_GE(watch.ms(), 700);
+    EXPECT_LT(watch.ms(), stuckMs);
     EXPECT_TRUE(isChild(running));
     stop();
 }
@@ -518,13 +541,13 @@ TEST_F(ProcTest, IgnoredSigchldDoesNotKeepChildrenForEver) {
 
 TEST_F(ProcTest, RunningChildrenStayWhileSigchldIsIgnored) {
     const SignalAction action(SIGCHLD, SIG_IGN);
-    start();
-    EXPECT_EQ(0, proc.waitChildren(false));
-    EXPECT_TRUE(proc.hasChildren());
-    const Stopwatch watch;
-    stop();
-    EXPECT_LT(watch.ms(), promptMs);
-    EXPECT_FALSE(proc.hasChildren());
+    for (Promptly promptly; promptly.again();) {
+        start();
+        EXPECT_EQ(0, proc.waitChildren(false));
+        EXPECT_TRUE(proc.hasChildren());
+        promptly([&] { return stop(); });
+        EXPECT_FALSE(proc.hasChildren());
+    }
 }
 
 TEST_F(ProcTest, OtherChildrenOfTheHostAreLeftAlone) {
@@ -545,20 +568,20 @@ TEST_F(ProcTest, OtherChildrenOfTheHostAreLeftAlone) {
 }
 
 TEST_F(ProcTest, StopWithoutChildrenSendsNothing) {
-    const Stopwatch watch;
-    EXPECT_THAT(stop(), IsEmpty());
-    EXPECT_THAT(sent, IsEmpty());
-    EXPECT_LT(watch.ms(), promptMs);
+    for (Promptly promptly; promptly.again();) {
+        EXPECT_THAT(promptly([&] { return stop(); }), IsEmpty());
+        EXPECT_THAT(sent, IsEmpty());
+    }
 }
 
 TEST_P(ProcWaiting, StopReturnsAsSoonAsTheChildHasEnded) {
-    const pid_t pid = start();
-    const Stopwatch watch;
-    EXPECT_THAT(stop(), ElementsAre(pid));
-    EXPECT_LT(watch.ms(), promptMs);
-    EXPECT_FALSE(proc.hasChildren());
-    EXPECT_FALSE(isChild(pid)) << "not reaped";
-    EXPECT_THAT(sent, ElementsAre(Pair(pid, SIGTERM), Pair(pid, SIGCONT)));
+    for (Promptly promptly; promptly.again();) {
+        const pid_t pid = start();
+        EXPECT_THAT(promptly([&] { return stop(); }), ElementsAre(pid));
+        EXPECT_FALSE(proc.hasChildren());
+        EXPECT_FALSE(isChild(pid)) << "not reaped";
+        EXPECT_THAT(sent, ElementsAre(Pair(pid, SIGTERM), Pair(pid, SIGCONT)));
+    }
 }
 
 TEST_P(ProcWaiting, StopGivesTheChildTimeToEndByItself) {
@@ -573,7 +596,7 @@ TEST_P(ProcWaiting, StopGivesTheChildTimeToEndByItself) {
     const Stopwatch watch;
     EXPECT_THAT(stop(), ElementsAre(pid));
     EXPECT_GE(watch.ms(), 500);
-    EXPECT_LT(watch.ms(), 500 + promptMs);
+    EXPECT_THAT(sent, ElementsAre(Pair(pid, SIGTERM), Pair(pid, SIGCONT)));
     said.writeEnd.reset();
     EXPECT_EQ("bye", vkatest::readAll(said.readEnd.get(), 4));
     said.readEnd.reset();
@@ -586,7 +609,7 @@ TEST_P(ProcWaiting, StopKillsWhatIgnoresTheFirstSignal) {
     EXPECT_THAT(stop(), ElementsAre(pid));
     EXPECT_LT(cpuMs() - cpu, waitingCpuMs) << "processor time used for waiting";
     EXPECT_GE(watch.ms(), countedGraceMs);
-    EXPECT_LT(watch.ms(), graceMs + promptMs);
+    EXPECT_LT(watch.ms(), stuckMs);
     EXPECT_FALSE(proc.hasChildren());
     EXPECT_FALSE(isChild(pid));
     EXPECT_THAT(sent, ElementsAre(Pair(pid, SIGTERM), Pair(pid, SIGCONT), Pair(pid, SIGKILL)));
@@ -602,7 +625,7 @@ TEST_P(ProcWaiting, StopGivesAllChildrenOneGrace) {
     const Stopwatch watch;
     EXPECT_EQ(all, stop());
     EXPECT_GE(watch.ms(), countedGraceMs);
-    EXPECT_LT(watch.ms(), graceEndMs);
+    EXPECT_LT(watch.ms(), 3 * graceMs - 100);
     EXPECT_FALSE(proc.hasChildren());
     pidset_t killed;
     for (const auto& entry : sent) {
@@ -613,13 +636,13 @@ TEST_P(ProcWaiting, StopGivesAllChildrenOneGrace) {
 }
 
 TEST_P(ProcWaiting, StopEndsAStoppedChild) {
-    const pid_t pid = start();
-    ASSERT_EQ(0, ::kill(pid, SIGSTOP));
-    ASSERT_TRUE(awaitStop(pid));
-    const Stopwatch watch;
-    EXPECT_THAT(stop(), ElementsAre(pid));
-    EXPECT_LT(watch.ms(), promptMs);
-    EXPECT_FALSE(proc.hasChildren());
+    for (Promptly promptly; promptly.again();) {
+        const pid_t pid = start();
+        ASSERT_EQ(0, ::kill(pid, SIGSTOP));
+        ASSERT_TRUE(awaitStop(pid));
+        EXPECT_THAT(promptly([&] { return stop(); }), ElementsAre(pid));
+        EXPECT_FALSE(proc.hasChildren());
+    }
 }
 
 TEST_F(ProcTest, StopKillsAStoppedChildThatIgnoresTheFirstSignal) {
@@ -633,16 +656,16 @@ TEST_F(ProcTest, StopKillsAStoppedChildThatIgnoresTheFirstSignal) {
     const Stopwatch watch;
     EXPECT_THAT(stop(), ElementsAre(pid));
     EXPECT_GE(watch.ms(), countedGraceMs);
-    EXPECT_LT(watch.ms(), graceMs + promptMs);
+    EXPECT_LT(watch.ms(), stuckMs);
     EXPECT_FALSE(proc.hasChildren());
 }
 
 TEST_F(ProcTest, StopReapsAndReportsWhatHasEndedBeforehand) {
-    const pid_t ended = startEnded();
-    const Stopwatch watch;
-    EXPECT_THAT(stop(), ElementsAre(ended));
-    EXPECT_THAT(sent, IsEmpty());
-    EXPECT_LT(watch.ms(), promptMs);
+    for (Promptly promptly; promptly.again();) {
+        const pid_t ended = startEnded();
+        EXPECT_THAT(promptly([&] { return stop(); }), ElementsAre(ended));
+        EXPECT_THAT(sent, IsEmpty());
+    }
 
     pidset_t both = {startEnded(), start()};
     EXPECT_EQ(both, stop());
@@ -658,11 +681,11 @@ TEST_F(ProcTest, StopPassesGoneChildrenOver) {
 
 TEST_F(ProcTest, StopWorksWithAHandlerThatReaps) {
     const SignalAction action(SIGCHLD, reapAll, SA_RESTART);
-    pidset_t pids = {start(), start()};
-    const Stopwatch watch;
-    EXPECT_EQ(pids, stop());
-    EXPECT_LT(watch.ms(), promptMs);
-    EXPECT_FALSE(proc.hasChildren());
+    for (Promptly promptly; promptly.again();) {
+        const pidset_t pids = {start(), start()};
+        EXPECT_EQ(pids, promptly([&] { return stop(); }));
+        EXPECT_FALSE(proc.hasChildren());
+    }
 }
 
 TEST_P(ProcWaiting, InterruptionsNeitherEndNorStretchTheGrace) {
@@ -671,8 +694,8 @@ TEST_P(ProcWaiting, InterruptionsNeitherEndNorStretchTheGrace) {
     const Stopwatch watch;
     EXPECT_THAT(stop(), ElementsAre(pid));
     EXPECT_GE(watch.ms(), countedGraceMs);
-    EXPECT_LT(watch.ms(), graceMs + promptMs);
-    EXPECT_GT(ticker.ticks(), 100);
+    EXPECT_LT(watch.ms(), stuckMs);
+    EXPECT_GT(ticker.ticks(), 5);
     EXPECT_FALSE(proc.hasChildren());
 }
 
@@ -688,17 +711,17 @@ TEST_P(ProcWaiting, InterruptionsDoNotEndBlockingWaits) {
     EXPECT_EQ(pid, proc.waitChild(true));
     pid = start(later);
     EXPECT_EQ(pid, proc.waitChildren(true));
-    EXPECT_GT(ticker.ticks(), 100);
+    EXPECT_GT(ticker.ticks(), 5);
 }
 
 TEST_F(ProcTest, StopWorksWhenDescriptorsRunOut) {
     for (int number : {1, 2, 3}) {
-        const pidset_t pids = {start(), start(), start()};
-        pidfdFault.failAt(number, EMFILE);
-        const Stopwatch watch;
-        EXPECT_EQ(pids, stop());
-        EXPECT_LT(watch.ms(), promptMs);
-        EXPECT_FALSE(proc.hasChildren());
+        for (Promptly promptly; promptly.again();) {
+            const pidset_t pids = {start(), start(), start()};
+            pidfdFault.failAt(number, EMFILE);
+            EXPECT_EQ(pids, promptly([&] { return stop(); }));
+            EXPECT_FALSE(proc.hasChildren());
+        }
     }
 }
 
@@ -752,10 +775,21 @@ TEST_F(ProcTest, StopDoesNotWaitForAChildThatMayNotBeKilled) {
     killFault.failAlways(EPERM);
     const Stopwatch watch;
     EXPECT_THAT(stop(), ElementsAre(pid));
-    EXPECT_GT(Proc::stopGraceMs + 3000, watch.ms());
+    EXPECT_LT(watch.ms(), stuckMs);
     EXPECT_TRUE(proc.hasChildren());
     killFault.disarm();
     stop();
+    EXPECT_FALSE(proc.hasChildren());
+}
+
+TEST_F(ProcTest, StopReapsTheOthersOfAChildThatMayNotBeKilled) {
+    const pidset_t pids = {start(idle, ignoreTerm), start(idle, ignoreTerm)};
+    anothers = *pids.begin();
+    EXPECT_EQ(pids, stop());
+    EXPECT_TRUE(isChild(*pids.begin()));
+    EXPECT_FALSE(isChild(*pids.rbegin()));
+    anothers = 0;
+    EXPECT_THAT(stop(), ElementsAre(*pids.begin()));
     EXPECT_FALSE(proc.hasChildren());
 }
 
