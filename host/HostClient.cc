@@ -165,7 +165,9 @@ void HostClient::releaseConsole() {
 
 void HostClient::start() {
     if (!console) {
-        const int fd = open(logfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        // Not blocking: a FIFO that nobody reads is refused, instead of holding up the host.
+        const int fd =
+            open(logfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
         const int err = errno;
         if (fd == -1)
             throw IOException(err, "cannot create log file " + logfile);
@@ -328,8 +330,8 @@ bool HostClient::relay(const FdSet& rfds, const FdSet& wfds) {
 
 void HostClient::adoptClient() {
     if (fdConn == -1) {
-        const int err = errno;
-        if (err == EAGAIN) // the client is gone already
+        const int err = errno; // of accept(), unless the trace could not be written since
+        if (err == EAGAIN)     // the client is gone already
             return;
         std::cerr << "vkahost: cannot accept a client: " << strerror(err) << std::endl;
         acceptAgainAt = nowMs() + acceptPauseMs;

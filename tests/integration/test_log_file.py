@@ -68,12 +68,13 @@ def test_relative_path_is_one_of_the_directory_where_the_host_was_started(host, 
     assert (tmp_path / "log").read_bytes() == b"hello\n"
 
 
-@pytest.mark.parametrize("name", ["missing/log", ".", "file/log"])
-def test_file_that_cannot_be_created(host, tmp_path, marker, name):
+@pytest.mark.parametrize("name", ["missing/log", ".", "file/log", "fifo"])
+def test_file_that_cannot_be_created(host, tmp_path, fifo, marker, name):
+    """A FIFO that nobody reads, too."""
     (tmp_path / "file").touch()
     vkahost = host("-l", tmp_path / name, script="touch %s" % marker)
     assert vkahost.wait() == 125
-    vkahost.error_line("vkahost: cannot create log file .*: (No such file|Is a dir|Not a dir).*")
+    vkahost.error_line("vkahost: cannot create log file .*: (No such|Is a dir|Not a dir).*")
     assert not marker.exists()
 
 
