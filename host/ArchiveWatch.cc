@@ -23,16 +23,15 @@ ArchiveWatch::ArchiveWatch(const std::string& _path)
     : path(_path), dir(_path, 0, _path.rfind('/') + 1), name(_path, _path.rfind('/') + 1),
       inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)), watched(-1), lookAgain(0), settled(0),
       mark(_path) {
-    int err = errno;
+    const int failed = errno;
     if (inotify == -1)
-        throw IOException(err, "cannot watch the archive");
+        throw IOException(failed, "cannot watch the archive");
     if (inotify >= FD_SETSIZE) {
         close(inotify);
         throw QVException("too many open files for select()");
     }
-    watchDirectory();
-    err = errno;
-    if (watched == -1) {
+    const int err = watchDirectory();
+    if (err != 0) {
         close(inotify);
         throw IOException(err, "cannot watch " + dir);
     }
@@ -63,13 +62,15 @@ bool ArchiveWatch::replaced(const FdSet& rfds) {
     return true;
 }
 
-void ArchiveWatch::watchDirectory() {
+int ArchiveWatch::watchDirectory() {
     watched = inotify_add_watch(inotify, dir.c_str(),
                                 IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVE_SELF | IN_ONLYDIR);
-    if (watched == -1)
+    const int err = watched == -1 ? errno : 0;
+    if (err != 0)
         lookAgain = nowMs() + lookAgainMs;
     else
         settled = nowMs() + settleMs;
+    return err;
 }
 
 void ArchiveWatch::takeEvents() {

@@ -128,7 +128,7 @@ pid_t startBuild(HostClient& client, const Options& options) {
             _exit(hostFailedStatus);
         setsid();
         client.releaseConsole();
-        const int null = open("/dev/null", O_RDONLY);
+        const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
         dup2(null, STDIN_FILENO);
         if (dup2(STDOUT_FILENO, progressFd) == progressFd)
             setenv("VKAPROGRESS", std::to_string(progressFd).c_str(), 1);
@@ -172,8 +172,10 @@ void Build::stop() {
     bool gone = false;
     while (nowMs() < deadline) { // several times, as it may not have had its session yet
         gone = gone || waitpid(builder, nullptr, WNOHANG) == builder;
-        if (gone && kill(-builder, 0) == -1)
-            break;
+        if (gone && kill(-builder, 0) == -1) { // its id may be another's by and by
+            builder = -1;
+            return;
+        }
         kill(-builder, SIGTERM);
         poll(nullptr, 0, 5);
     }
