@@ -109,7 +109,7 @@ use() { # ARCH ROOT
     done
     check_unit "$dir/unpacked"
     flags=$(consumer_flags "$dir/unpacked" "$multiarch")
-    "${sudo[@]}" timeout --kill-after=1 300 unshare --mount --pid --fork --kill-child -- \
+    "${sudo[@]}" timeout --kill-after=1 1800 unshare --mount --pid --fork --kill-child -- \
         "$tree/tests/device/in_root.sh" "$root" "$dir" \
         packaging/use-packages.sh "$dir" "$multiarch" "$flags" &
     wait $!

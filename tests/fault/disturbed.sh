@@ -43,11 +43,16 @@ deselected() { # MODE
             last_output.py::test_client_that_sends_meanwhile_gets_all
             reconnect.py::test_part_of_a_chunk_that_one_client_got_is_not_sent_again
             "reconnect.py::test_fifty_clients_that_reset_the_connection[$flood]"
-            transfer.py::test_eight_mebibytes_pass_both_ways)
+            transfer.py::test_eight_mebibytes_pass_both_ways
+            # and what the host gives a second or less to, or the test
+            transfer.py::test_{nothing_is_added_to_the_stream,answers_of_two_chunks_come_at_once}
+            watch.py::test_unfetched_output_of_the_old_program_comes_first)
     else # about the processor time that waiting takes
         tests=(backpressure.py::test_program_that_never_reads
             backpressure.py::test_waiting_takes_no_processor_time
-            backpressure.py::test_waiting_takes_no_processor_time_when_the_program_closed_its_terminal)
+            backpressure.py::test_waiting_takes_no_processor_time_when_the_program_closed_its_terminal
+            child_view.py::test_program_goes_on_when_its_terminal_was_hung_up
+            log_file.py::test_waiting_takes_no_processor_time)
     fi
     for test in "${tests[@]}"; do
         echo "--deselect=tests/integration/test_$test"

@@ -4,7 +4,7 @@ import stat
 import zipfile
 from io import BytesIO
 
-from hostile import (DEFLATED, DIRECTORY, DOS, LINK, STORED, UTF8, Member, archive_of, field,
+from hostile import (DIRECTORY, DOS, LINK, STORED, UTF8, Member, archive_of, field,
                      unicode_name)
 
 PWNED = "/tmp/pwned"  # is made by whatever ought not to be run or written

@@ -162,7 +162,7 @@ class Host:
         if self.process.poll() is None:
             self.process.terminate()
             try:
-                status = self.process.wait(10 * processes.SLOWNESS)
+                status = self.process.wait(DEADLINE)
                 if status != 128 + signal.SIGTERM:
                     complaints.append("SIGTERM at the end of the test gave status %d" % status)
             except subprocess.TimeoutExpired:
@@ -178,16 +178,14 @@ class Host:
         """What was sent SIGKILL by the kernel may take a moment to disappear."""
         complaints = []
         try:
-            wait_until(lambda: not self._leftovers(), "nothing is left running",
-                       2 * processes.SLOWNESS)
+            wait_until(lambda: not self._leftovers(), "nothing is left running")
         except AssertionError:
             complaints.append("left running: %s" % processes.describe(self._leftovers()))
             for pid in self._leftovers():
                 os.kill(pid, signal.SIGKILL)
             wait_until(lambda: not self._leftovers(), "killed processes are gone")
         try:
-            wait_until(lambda: not processes.zombies(), "no zombie is left",
-                       5 * processes.SLOWNESS)
+            wait_until(lambda: not processes.zombies(), "no zombie is left")
         except AssertionError:
             complaints.append("zombies: %s" % processes.describe(processes.zombies()))
         return complaints

@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: MIT
 """Client programs in terminals, with nobody's configuration but their own defaults."""
 import contextlib
-import errno
 import os
 import subprocess
 
@@ -32,7 +31,9 @@ def in_terminal(command, home):
     try:
         yield client
     finally:
-        client.close(force=True)
+        with contextlib.suppress(pexpect.ExceptionPexpect):  # it gives up after half a second
+            client.close(force=True)
+        wait_until(lambda: not client.isalive(), "the client is gone")
 
 
 def ends(client):
@@ -40,20 +41,6 @@ def ends(client):
     client.expect_exact(pexpect.EOF)
     wait_until(lambda: not client.isalive(), "the client ends")
     return client.before, client.exitstatus
-
-
-def open_gate(fifo):
-    """Lets the program's command `gate` pass; a program that is gone is no reason to hang."""
-    def opened():
-        try:
-            os.close(os.open(fifo, os.O_WRONLY | os.O_NONBLOCK))
-        except OSError as failure:
-            if failure.errno != errno.ENXIO:  # nobody reads it yet
-                raise
-            return False
-        return True
-
-    wait_until(opened, "the program waits at its gate")
 
 
 class Tmux:

@@ -53,7 +53,7 @@ def test_descriptors_of_a_client_that_is_connected_are_not_inherited(host, fifo)
     port = free_port()
     vkahost = host("-p", port, env={"MAKE_GATE": str(fifo)})
     client = vkahost.client(port=port)
-    fifo.write_bytes(b"")
+    processes.open_gate(fifo)
     assert [line.split()[0] for line in client.ask_lines("fds")] == ["0", "1", "2"]
 
 
@@ -98,5 +98,5 @@ def test_program_goes_on_when_its_terminal_was_hung_up(host, fifo, marker):
     vkahost = host(script="hangup;touch %s;gate %s;exit 7" % (marker, fifo))
     processes.wait_until(marker.exists, "the terminal was hung up")
     assert processes.busy_share(vkahost.pid) < 0.1
-    fifo.write_bytes(b"")
+    processes.open_gate(fifo)
     assert vkahost.wait() == 7

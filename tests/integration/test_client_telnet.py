@@ -67,6 +67,7 @@ def as_keys(values):
 def test_lines(client):
     """Before the first line not a byte goes to the program; Enter is CR LF, byte 255 is doubled."""
     telnet = client(b"hex 4;hex 9;sleep")
+    telnet.expect_exact(b"\r\n")
     telnet.send(b"old\x7f\x7fn\r")
     telnet.expect_exact(b"old\b \b\b \bn\r\n" + hexadecimal(b"on\r\n"))
     telnet.send("é€".encode() + b"\xff\r")

@@ -5,6 +5,8 @@ import signal
 
 import pytest
 
+from processes import open_gate
+
 CONSOLE_OR_LOG = pytest.mark.parametrize("mode", ["console", "log file"])
 
 
@@ -61,7 +63,7 @@ def test_process_that_the_host_inherited_is_not_the_program(host, fifo):
     vkahost = host(launcher=["sh", "-c", 'cat "$0" & exec "$@"', fifo])
     client = vkahost.client()
     assert client.ask("say hello") == "hello"
-    fifo.write_bytes(b"")  # cat ends
+    open_gate(fifo)  # cat ends
     assert client.ask("say again") == "again"
     client.command("exit 7")
     client.receive_all()

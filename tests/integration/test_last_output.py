@@ -10,7 +10,7 @@ import processes
 from archives import pack
 from clients import free_port, record_stream
 from hosts import traced
-from processes import wait_until
+from processes import fastest, open_gate, wait_until
 
 FORK = """
 #include <stdio.h>
@@ -28,11 +28,12 @@ int main(void) {
 @pytest.fixture
 def early_client(host, fifo):
     """Starts vkahost with a client that connects while the program is still built."""
-    def start(*options, script, **client_options):
+    def start(*options, script, first=b"", **client_options):
         port = free_port()
         vkahost = host("-p", port, *options, script=script, env={"MAKE_GATE": str(fifo)})
         client = vkahost.client(port=port, **client_options)
-        fifo.write_bytes(b"")
+        client.send(first)
+        open_gate(fifo)
         return vkahost, client
 
     return start
@@ -61,7 +62,7 @@ def test_output_when_the_end_comes_while_the_host_looks_for_it(host, fifo):
                    script="say ready;gate %s;flood 2000;exit 3" % fifo)
     client = vkahost.client()
     assert client.line() == "ready"
-    fifo.write_bytes(b"")
+    open_gate(fifo)
     assert client.receive_all() == record_stream(2000)
     assert vkahost.wait() == 3
 
@@ -92,8 +93,8 @@ def test_client_that_still_waits_at_the_end_is_served(host):
 
 def test_client_that_sends_meanwhile_gets_all(early_client):
     """Closing a connection with unread input would reset it and lose what is on its way."""
-    vkahost, client = early_client(script="flood 200000;exit 3", receive_buffer=4096)
-    client.send(b"\n" * 50000)
+    vkahost, client = early_client(script="flood 200000;exit 3", receive_buffer=4096,
+                                   first=b"\n" * 50000)
     assert client.receive_all() == record_stream(200000)
     assert vkahost.wait() == 3
 
@@ -122,26 +123,30 @@ def test_slow_client_gets_all(early_client):
 def test_client_that_stopped_reading_is_given_up(early_client):
     size = 12 << 20
     vkahost, client = early_client("-b16M", script="flood %d;exit 3" % size, receive_buffer=4096)
-    assert vkahost.wait(20) == 3
+    assert vkahost.wait() == 3
     unfetched = vkahost.unfetched()
     assert client.receive_all() + unfetched == record_stream(size)
 
 
 def test_signal_ends_the_wait_for_a_slow_client(early_client):
-    vkahost, _ = early_client("-b16M", script="flood %d;exit 3" % (12 << 20), receive_buffer=4096)
-    vkahost.line("vkahost: running, .*")
-    wait_until(lambda: not processes.children(vkahost.pid), "the host has seen the program's end")
-    start = time.monotonic()
-    vkahost.signal(signal.SIGTERM)
-    assert vkahost.wait() in (3, 143)
-    assert time.monotonic() - start < 3
+    def stopping_time():
+        vkahost, _ = early_client("-b16M", script="flood %d;exit 3" % (12 << 20),
+                                  receive_buffer=4096)
+        vkahost.line("vkahost: running, .*")
+        wait_until(lambda: not processes.children(vkahost.pid), "the program's end was seen")
+        start = time.monotonic()
+        vkahost.signal(signal.SIGTERM)
+        assert vkahost.wait() in (3, 143)
+        return time.monotonic() - start
+
+    assert fastest(stopping_time, 3) < 3  # without a signal 5 s
 
 
 def test_client_that_does_not_close_is_not_waited_for(host):
     vkahost = host()
     client = vkahost.client()
     client.command("exit 3")
-    assert vkahost.wait(5) == 3
+    assert vkahost.wait() == 3
     client.receive_all()
 
 
@@ -152,9 +157,9 @@ def test_process_that_the_program_left_behind_does_not_keep_the_host(host):
     client.receive_until(b"x")
     client.command("exit 3")
     try:
-        assert vkahost.wait(10) == 3
+        assert vkahost.wait() == 3
         client.receive_all()
-        wait_until(lambda: not processes.exists(orphan), "its terminal was closed", 5)
+        wait_until(lambda: not processes.exists(orphan), "its terminal was closed")
     finally:
         if processes.exists(orphan):
             os.kill(orphan, signal.SIGKILL)
@@ -163,7 +168,7 @@ def test_process_that_the_program_left_behind_does_not_keep_the_host(host):
 def test_silent_process_that_the_program_left_behind_does_not_keep_the_host(host, tmp_path):
     vkahost = host(archive=pack(tmp_path / "fork.zip", {"fork.c": FORK}), fast=False)
     try:
-        assert vkahost.wait(10) == 3
+        assert vkahost.wait() == 3
     finally:
         for pid in processes.running():
             os.kill(pid, signal.SIGKILL)

@@ -6,8 +6,8 @@ import termios
 import pytest
 
 from hosts import Output
-from processes import DEADLINE, SLOWNESS, wait_until
-from terminals import ADDRESS, ends, environment, in_terminal, open_gate, socat
+from processes import DEADLINE, SLOWNESS, open_gate, wait_until
+from terminals import ADDRESS, ends, environment, in_terminal, socat
 
 EVERY_BYTE = bytes(range(256))
 
@@ -53,7 +53,7 @@ def test_every_byte_value_through_pipes(host, tmp_path, name):
 def test_answer_to_a_command_from_a_pipe(host, tmp_path):
     """nc without -N goes on listening when its input has ended; -w gives up on a silent program."""
     vkahost = host()
-    client = subprocess.run(["nc", "-w", "%d" % (2 * SLOWNESS), ADDRESS, str(vkahost.port)],
+    client = subprocess.run(["nc", "-w", "%d" % (5 * SLOWNESS), ADDRESS, str(vkahost.port)],
                             input=b"say one two\n", stdout=subprocess.PIPE, timeout=DEADLINE,
                             env=environment(tmp_path), check=True)
     assert client.stdout == b"one two\n"

@@ -7,7 +7,7 @@ import socket
 import pytest
 
 from clients import Client, record_stream
-from processes import wait_until
+from processes import open_gate, opened, wait_until
 
 
 def test_each_client_talks_to_the_same_program(host):
@@ -29,7 +29,7 @@ def test_next_client_gets_what_is_queued_from_its_oldest_chunk(host, fifo, marke
     first.command("touch %s" % marker)
     first.close()
     vkahost.line("vkahost: client disconnected")
-    fifo.write_bytes(b"")
+    open_gate(fifo)
     wait_until(marker.exists, "the program has written")
     with vkahost.client() as second:
         assert second.receive(50000) == record_stream(50000)
@@ -123,7 +123,7 @@ def test_clients_that_reset_the_connection_while_input_waits(host, fifo):
         client.send_until_blocked(1 << 20)
         client.reset()
     client = vkahost.client()
-    fifo.write_bytes(b"")
+    open_gate(fifo)
     client.command("say alive")
     client.receive_until(b"alive\n")
     assert vkahost.errors() == ""
@@ -155,14 +155,6 @@ def test_client_that_is_reset_while_the_host_is_stopped(host):
     client.close()
 
 
-def opened(fifo):
-    """A descriptor for writing to the FIFO, as soon as there is a reader."""
-    try:
-        return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
-    except OSError:
-        return None
-
-
 @pytest.mark.parametrize("end", [Client.reset, Client.close])
 @pytest.mark.parametrize("output", [0, 1, 3000])
 def test_input_before_the_end_of_a_connection_is_not_lost(host, fifo, marker, end, output):
@@ -173,9 +165,8 @@ def test_input_before_the_end_of_a_connection_is_not_lost(host, fifo, marker, en
     client.command("gate %s" % fifo)
     client.command("flood %d" % output if output else "")
     assert client.line() == "hello"
-    gate = wait_until(lambda: opened(fifo), "the program stands at the gate")
-    os.kill(vkahost.pid, signal.SIGSTOP)
-    os.close(gate)
+    with opened(fifo):  # the program stands at the gate
+        os.kill(vkahost.pid, signal.SIGSTOP)
     client.command("touch %s" % marker)
     end(client)
     os.kill(vkahost.pid, signal.SIGCONT)

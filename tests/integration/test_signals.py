@@ -11,7 +11,7 @@ import processes
 from archives import pack
 from clients import free_port
 from hosts import traced
-from processes import wait_until
+from processes import fastest, opened, wait_until
 
 LEAVE = """
 #include <signal.h>
@@ -24,6 +24,7 @@ int main(void) {
 }
 """
 SLEEP = os.path.realpath("/bin/sleep")
+GRACE = 1.9  # seconds, a little less than what a program has to end by itself
 STOPPING = [signal.SIGHUP, signal.SIGINT, signal.SIGTERM]
 
 
@@ -37,33 +38,43 @@ def end_by(vkahost, number):
 
 @pytest.mark.parametrize("number", STOPPING, ids=lambda number: number.name)
 def test_stops_the_program(host, number):
-    vkahost = host()
-    vkahost.client().ask("say hello")
-    assert end_by(vkahost, number) < 1.9
-    assert vkahost.last_line() == "vkahost: program stopped by " + number.name
+    def stopping_time():
+        vkahost = host()
+        vkahost.client().ask("say hello")
+        seconds = end_by(vkahost, number)
+        assert vkahost.last_line() == "vkahost: program stopped by " + number.name
+        return seconds
+
+    assert fastest(stopping_time, GRACE) < GRACE
 
 
 @pytest.mark.parametrize("number", STOPPING, ids=lambda number: number.name)
 def test_stops_the_program_of_log_file_mode(host, tmp_path, number):
-    vkahost = host("-l", tmp_path / "log", script="sleep")
-    vkahost.line("vkahost: running, output in .*")
-    assert end_by(vkahost, number) < 1.9
+    def stopping_time():
+        vkahost = host("-l", tmp_path / "log", script="sleep")
+        vkahost.line("vkahost: running, output in .*")
+        return end_by(vkahost, number)
+
+    assert fastest(stopping_time, GRACE) < GRACE
 
 
 @pytest.mark.parametrize("number", STOPPING, ids=lambda number: number.name)
 def test_kills_a_program_that_ignores_the_request(host, number):
     vkahost = host()
     vkahost.client().ask("ignore %d\nignore %d\nsay hello" % (signal.SIGTERM, number))
-    assert 1.9 < end_by(vkahost, number) < 5
+    assert end_by(vkahost, number) > GRACE
 
 
 def test_stops_a_stopped_program(host):
-    vkahost = host()
-    vkahost.client().ask("say hello")
-    program = vkahost.program
-    os.kill(program, signal.SIGSTOP)
-    wait_until(lambda: processes.stat(program)[0] == "T", "the program is stopped")
-    assert end_by(vkahost, signal.SIGTERM) < 1.9
+    def stopping_time():
+        vkahost = host()
+        vkahost.client().ask("say hello")
+        program = vkahost.program
+        os.kill(program, signal.SIGSTOP)
+        wait_until(lambda: processes.stat(program)[0] == "T", "the program is stopped")
+        return end_by(vkahost, signal.SIGTERM)
+
+    assert fastest(stopping_time, GRACE) < GRACE
 
 
 def test_kills_a_stopped_program_that_ignores_the_request(host):
@@ -71,7 +82,7 @@ def test_kills_a_stopped_program_that_ignores_the_request(host):
     vkahost.client().command("ignore %d\nraise %d" % (signal.SIGTERM, signal.SIGSTOP))
     program = vkahost.program
     wait_until(lambda: processes.stat(program)[0] == "T", "the program is stopped")
-    assert 1.9 < end_by(vkahost, signal.SIGTERM) < 5
+    assert end_by(vkahost, signal.SIGTERM) > GRACE
 
 
 def test_many_signals_at_once(host):
@@ -119,21 +130,21 @@ class TestDuringTheBuild:
     @pytest.mark.parametrize("number", STOPPING, ids=lambda number: number.name)
     def test_signal_to_the_host_ends_it_and_the_build(self, building, number):
         building.signal(number)
-        assert building.wait(10) == 128 + number
+        assert building.wait() == 128 + number
         assert not processes.running(SLEEP)
 
     @pytest.mark.parametrize("number", STOPPING, ids=lambda number: number.name)
     def test_signal_to_the_group_ends_all(self, building, number):
         """As Ctrl-C does."""
         os.killpg(building.pid, number)
-        assert building.wait(10) == 128 + number
+        assert building.wait() == 128 + number
         assert not processes.running(SLEEP)
 
     def test_nothing_is_run_after_a_signal(self, host, fifo, marker, old_program):
         vkahost = host(env={"MAKE_GATE": str(fifo)}, script="touch %s" % marker)
-        with open(fifo, "wb"):  # returns when make has been called
+        with opened(fifo):  # returns when make has been called
             vkahost.signal(signal.SIGTERM)
-        assert vkahost.wait(10) == 143
+            assert vkahost.wait() == 143
         assert not marker.exists()
         assert old_program()
 
@@ -145,31 +156,31 @@ class TestKilledHost:
         program = vkahost.program
         vkahost.signal(signal.SIGKILL)
         assert vkahost.wait() == -signal.SIGKILL
-        wait_until(lambda: not processes.exists(program), "the program is gone", 2)
+        wait_until(lambda: not processes.exists(program), "the program is gone")
 
     def test_program_of_log_file_mode_dies_at_once(self, host, tmp_path):
         vkahost = host("-l", tmp_path / "log", script="sleep")
         program = vkahost.program
         vkahost.signal(signal.SIGKILL)
         assert vkahost.wait() == -signal.SIGKILL
-        wait_until(lambda: not processes.exists(program), "the program is gone", 2)
+        wait_until(lambda: not processes.exists(program), "the program is gone")
 
     def test_build_is_given_up(self, host, fifo):
         vkahost = host(env={"MAKE_GATE": str(fifo)})
-        with open(fifo, "wb"):  # make has been called, and is held up
+        with opened(fifo):  # make has been called, and is held up
             builder, = processes.children(vkahost.pid)
             vkahost.signal(signal.SIGKILL)
-            assert vkahost.process.wait(10) == -signal.SIGKILL
-            wait_until(lambda: not processes.exists(builder), "the build's process is gone", 2)
+            assert vkahost.process.wait(processes.DEADLINE) == -signal.SIGKILL
+            wait_until(lambda: not processes.exists(builder), "the build's process is gone")
 
     def test_build_is_not_begun_when_the_host_died_before(self, host):
         """The build's process is held up where it asks for a signal at the host's death."""
-        vkahost = host(**traced("-f", "-e", "inject=prctl:delay_enter=500000"))
+        vkahost = host(**traced("-f", "-e", "inject=prctl:delay_enter=2000000"))
         vkahost.line(r"\[INFO\] VKAClient::VKAClient\(\) .*")
         builder, = wait_until(lambda: processes.children(vkahost.pid), "the build is started")
         vkahost.signal(signal.SIGKILL)
-        assert vkahost.process.wait(10) == -signal.SIGKILL
-        wait_until(lambda: not processes.exists(builder), "the build's process is gone", 5)
+        assert vkahost.wait() == -signal.SIGKILL
+        wait_until(lambda: not processes.exists(builder), "the build's process is gone")
         assert "call: unzip" not in vkahost.out.whole().decode()
 
     @pytest.mark.parametrize("connected", [False, True])
@@ -180,6 +191,7 @@ class TestKilledHost:
             assert vkahost.port == port
             if connected:
                 assert vkahost.client().ask("say hello") == "hello"
+            assert vkahost.program  # and no longer a copy of the host, with its listening socket
             vkahost.signal(signal.SIGKILL)
             assert vkahost.wait() == -signal.SIGKILL
 
@@ -198,12 +210,16 @@ class TestKilledHost:
             assert "TIME-WAIT" in states
 
 
-def test_program_is_not_started_when_the_host_died_before(host):
-    """The program's process sees that its parent is gone, or is killed with it."""
-    for _ in range(10):
-        vkahost = host(script="sleep")
-        wait_until(lambda: processes.children(vkahost.pid) or vkahost.process.poll() is not None,
-                   "something was started")
-        vkahost.signal(signal.SIGKILL)
-        vkahost.wait()
-        wait_until(lambda: not processes.running(), "no program runs", 2)
+def test_program_is_not_started_when_the_host_died_before(host, marker):
+    """The program's process is held up where it asks for a signal at the host's death."""
+    vkahost = host(**traced("-f", "-e", "inject=prctl:delay_enter=2000000"),
+                   script="touch %s" % marker)
+    vkahost.line("make log:")
+    # The build's process has a session of its own.
+    program, = wait_until(lambda: [child for child in processes.children(vkahost.pid)
+                                   if processes.stat(child)[3:4] == [str(vkahost.pid)]],
+                          "the program's process is started")
+    vkahost.signal(signal.SIGKILL)
+    assert vkahost.wait() == -signal.SIGKILL
+    wait_until(lambda: not processes.exists(program), "the program's process is gone")
+    assert not marker.exists()

@@ -9,7 +9,7 @@ import subprocess
 import pytest
 
 from hosts import Output, need_tracer, traced
-from processes import DEADLINE, busy_share, stat, wait_until
+from processes import busy_share, open_gate, opened, stat, wait_until
 
 # Each kind of processor has some of these.
 WAIT = "?select,?_newselect,?pselect6,?pselect6_time64"
@@ -136,7 +136,7 @@ def test_program_goes_on_when_its_terminal_fails(host, fifo, marker):
                    script="say lost;touch %s;gate %s;exit 7" % (marker, fifo))
     wait_until(marker.exists, "the program has written")
     assert busy_share(vkahost.pid) < 0.1
-    fifo.write_bytes(b"")
+    open_gate(fifo)
     assert vkahost.wait() == 7
     assert vkahost.errors() == ""
 
@@ -145,7 +145,7 @@ def test_client_is_accepted_though_the_terminal_fails_at_the_same_time(host, fif
     vkahost = host(**failing("read", "EIO", path="/dev/ptmx"),
                    script="gate %s;say lost;touch %s;sleep" % (fifo, marker))
     port = vkahost.port
-    with open(fifo, "wb"):  # the program waits
+    with opened(fifo):  # the program waits
         os.kill(vkahost.pid, signal.SIGSTOP)
         wait_until(lambda: stat(vkahost.pid)[0] in "Tt", "the host is stopped")
     wait_until(marker.exists, "the program has written")

@@ -12,7 +12,7 @@ import processes
 from archives import HELLO, PROGRAMS, pack
 from clients import record_stream
 from hosts import traced
-from processes import wait_until
+from processes import open_gate, opened, wait_until
 
 MAKE = """#!/bin/sh
 # Installs the tool, unless the archive has a file that says otherwise.
@@ -166,7 +166,7 @@ def test_only_the_newest_archive_is_started(watch, archive, fifo):
     vkahost = watch()
     client = connect(vkahost)
     archive.rename("two", gate=str(fifo))
-    gate = open(fifo, "wb")  # waits until the build of "two" reads it
+    gate = opened(fifo)  # waits until the build of "two" reads it
     archive.rename("three")
     vkahost.line("vkahost: build stopped, as the archive was replaced again")
     assert client.receive(len(greeting("three"))) == greeting("three")
@@ -180,7 +180,7 @@ def test_the_console_is_served_during_a_build(watch, archive, fifo):
     vkahost = watch()
     client = connect(vkahost)
     archive.rename("two", gate=str(fifo))
-    with open(fifo, "wb"):
+    with opened(fifo):
         assert client.ask("say hello") == "hello"
         client.close()
         second = vkahost.client()
@@ -193,7 +193,7 @@ def test_the_processes_of_a_build_do_not_hold_the_client(watch, archive, fifo):
     vkahost = watch(launcher=["sh", "-c", 'exec 3</dev/null "$@"', "sh"])
     client = connect(vkahost)
     archive.rename("two", gate=str(fifo))
-    with open(fifo, "wb"):
+    with opened(fifo):
         client.half_close()
         assert client.receive_all() == b""
 
@@ -295,7 +295,7 @@ def test_a_signal_ends_everything(watch, archive, fifo, state):
     if state == "waiting":
         client.command("exit 3")
         vkahost.line("vkahost: waiting for another archive")
-    gate = open(fifo, "wb") if "building" in state else None
+    gate = opened(fifo) if "building" in state else None
     vkahost.signal(signal.SIGTERM)
     assert vkahost.wait() == 128 + signal.SIGTERM
     if gate:
@@ -360,5 +360,5 @@ def test_the_progress_of_a_build_is_told_while_it_lasts(host, archive, fifo, tmp
     for line in (r"\[1/3\] first.c", r"\[3/3\] second.c"):
         vkahost.line(line)
     assert "make log:" not in vkahost.lines()
-    open(fifo, "wb").close()
+    open_gate(fifo)
     assert vkahost.wait() == 3

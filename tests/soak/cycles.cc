@@ -53,8 +53,8 @@ Memory memoryInUse() {
     memory.heap = info.uordblks + info.hblkhd;
     std::ifstream rollup("/proc/self/smaps_rollup");
     for (std::string line; std::getline(rollup, line);) {
-        if (line.compare(0, 8, "Private_") == 0) // Private_Clean and Private_Dirty
-            memory.resident += std::stoul(line.substr(line.find(':') + 1)) * 1024;
+        if (line.compare(0, 10, "Anonymous:") == 0)
+            memory.resident = std::stoul(line.substr(10)) * 1024;
     }
     need(memory.resident != 0, "the kernel tells nothing of this process's memory");
     return memory;

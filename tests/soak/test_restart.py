@@ -17,7 +17,7 @@ from clients import free_port, record_stream
 from lives import LAST, PHASES, Life, pack_life
 from processes import wait_until
 
-BINDING = processes.SLOWNESS  # seconds from the kill until the port is taken over
+BINDING = 10 * processes.SLOWNESS  # seconds from the kill until the port is taken over
 LEAVING = 10 * processes.SLOWNESS  # until nothing of the killed one runs: a compiler may finish
 TALKING = 0.05
 

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <exception>
 #include <fcntl.h>
+#include <fstream>
+#include <string>
 #include <sys/prctl.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -60,6 +62,9 @@ public:
         char byte;
         while (read(executed.readEnd.get(), &byte, 1) == -1 && errno == EINTR) {
         }
+        // The kernel closes descriptors a moment before it lets the arguments be seen.
+        const std::string arguments = "/proc/" + std::to_string(child.id()) + "/cmdline";
+        waitUntil([&] { return std::ifstream(arguments).get() != EOF; });
         return child;
     }
 

@@ -459,13 +459,13 @@ TEST_F(GetCmdCallOutput, InterruptionsLoseNothing) {
     ASSERT_EQ(200000u, output.size());
     for (size_t i = 0; i < output.size(); ++i)
         ASSERT_EQ(std::to_string(i % 100000 + 1), output[i]);
-    EXPECT_GT(ticker.ticks(), 50);
+    EXPECT_GT(ticker.ticks(), 5);
 }
 
 TEST_F(GetCmdCallOutput, InterruptionsDoNotEndTheWait) {
     const vkatest::Ticker ticker;
     EXPECT_THAT(outputOf("exec >&-; sleep 0.2; exit 12", 12 << 8), IsEmpty());
-    EXPECT_GT(ticker.ticks(), 50);
+    EXPECT_GT(ticker.ticks(), 5);
 }
 
 TEST_F(GetCmdCallOutput, ReportsThatItCannotStart) {
@@ -522,7 +522,8 @@ TEST_F(GetCmdCallOutput, ReportsThatTheStatusCannotBeCollected) {
     EXPECT_EQ(ECHILD, errno);
     EXPECT_THAT(output, ElementsAre("x"));
     int status;
-    EXPECT_LT(0, waitpid(-1, &status, 0)) << "the pretended failure left the child unreaped";
+    EXPECT_LT(0, vkatest::uninterrupted([&] { return waitpid(-1, &status, 0); }))
+        << "the pretended failure left the child unreaped";
 }
 
 TEST_F(GetCmdCallOutput, RepeatsInterruptedCalls) {

@@ -281,10 +281,10 @@ TEST(AcceptClient, ConnectsBothWays) {
     const Fd conn(acceptClient(listener.fd.get(), peer, length));
     char byte = 0;
     ASSERT_EQ(1, write(client.get(), "a", 1));
-    ASSERT_EQ(1, read(conn.get(), &byte, 1));
+    ASSERT_EQ(1, vkatest::uninterrupted([&] { return read(conn.get(), &byte, 1); }));
     EXPECT_EQ('a', byte);
     ASSERT_EQ(1, write(conn.get(), "b", 1));
-    ASSERT_EQ(1, read(client.get(), &byte, 1));
+    ASSERT_EQ(1, vkatest::uninterrupted([&] { return read(client.get(), &byte, 1); }));
     EXPECT_EQ('b', byte);
 }
 
