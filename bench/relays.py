@@ -5,7 +5,6 @@ import os
 import pathlib
 import re
 import shutil
-import signal
 import socket
 import subprocess
 import tempfile
