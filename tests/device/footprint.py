@@ -36,8 +36,8 @@ program that writes one number to `std::cout`.
 %s
 
 vkahost at idle has %d KiB more than the C++ runtime alone (built with -Os), and 1 MiB of queued
-output in chunks of 512 bytes costs it %d KiB. It listens before it builds, so its start does not
-depend on the archive. socat and ser2net keep no output while no client reads.
+output costs it %d KiB. It listens before it builds, so its start does not depend on the archive.
+socat and ser2net keep no output while no client reads.
 """
 
 
