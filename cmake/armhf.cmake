@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+#
 # Toolchain: Debian's cross compiler for ARMv7 with hard-float, the processor of the device.
 #
 #   cmake --preset armhf                                or

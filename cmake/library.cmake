@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+#
 # vka_library(<name> <directory> DESCRIPTION <text> HEADERS ... SOURCES ... [DEPENDS ...])
 #
 # Builds lib<name>.a (target <name>) and lib<name>.so (target <name>_shared) from one set of objects

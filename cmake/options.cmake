@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+#
 # Compile options of everything built here. They reach nobody who links the libraries.
 
 find_package(Threads REQUIRED)

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+#
 # vka_client_test(<subject> [WRAP <function>...]): VKAClient<subject>_test.cc, with allocations that
 # change errno.
 function(vka_client_test subject)

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+#
 # libvka stands on libqvproc, that on libqvio, that on libqvutil; never the other way round.
 #
 # Each public header is compiled alone, in the libraries' own language standard and twice over, where

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+#
 # Tests of libqvutil, libqvio and libqvproc.
 
 # All names that a build may call these functions by; the wrappers are in tests/support/variants.h.
