@@ -29,7 +29,6 @@ class Machine:
         self.changed = threading.Condition()
         self.ended = False
         self.commands = 0
-        self.started = time.monotonic()
         self.process = subprocess.Popen(
             ["qemu-system-arm", "-M", "virt,highmem=off", "-cpu", "cortex-a15", "-smp", "2",
              "-m", str(memory_mib), "-nographic", "-no-reboot", "-nodefaults", "-serial", "stdio",
@@ -51,7 +50,6 @@ class Machine:
     def __enter__(self):
         try:
             self._wait_for(rb"^vka-(ready)\r?$", BOOT_SECONDS)
-            self.boot_seconds = time.monotonic() - self.started
         except BaseException:
             self.__exit__()
             raise
