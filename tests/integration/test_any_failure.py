@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""Every call that vkahost makes to the kernel fails once, by strace: the host goes on, or says what
-failed and ends. tests/fault does the same more thoroughly, at the calls to the C library."""
+"""Calls that vkahost makes to the kernel, those of CALLS, fail once each, by strace: the host goes on, or
+says what failed and ends. tests/fault does the same more thoroughly, at the calls to the C library."""
 import pytest
 
 from hosts import traced
