@@ -3,9 +3,12 @@
 
 Those marked by a comment are run by test_first_program.py and test_host.py. The others install
 packages, take minutes, wait for somebody to type, or need another machine; of them only the words
-are looked at: they are shell, and the files of the tree, options and presets they name exist.
+are looked at: they are shell, and the files of the tree, the presets, and the options of vkahost and
+of the tree's scripts that they name exist.
 """
+import itertools
 import json
+import os
 import re
 import shlex
 import subprocess
@@ -55,13 +58,33 @@ def test_files_exist(block):
     assert not [word for word in named if not (TREE / word).exists()]
 
 
+def options_of(program):
+    """Those that its help names."""
+    return set(re.findall(r"(?<![\w-])(?:--[\w-]+|-\w\b)", subprocess.run(
+        [program, "--help"], check=True, stdout=subprocess.PIPE, text=True).stdout))
+
+
+def given(words):
+    """The options in a program's words; behind -- stands another one's command."""
+    return {word.split("=")[0] for word in itertools.takewhile(lambda word: word != "--", words)
+            if word.startswith("-")}
+
+
 @pytest.mark.parametrize("block", SHELL, ids=repr)
 def test_options_of_vkahost_exist(block, vkahost):
-    known = set(re.findall(r"-\w\b|--[\w-]+", subprocess.run(
-        [vkahost, "--help"], check=True, stdout=subprocess.PIPE, text=True).stdout))
-    given = {word.split("=")[0] for words in calls(block, "vkahost") for word in words
-             if word.startswith("-")}
-    assert given <= known
+    for words in calls(block, "vkahost"):
+        assert given(words) <= options_of(vkahost)
+
+
+@pytest.mark.parametrize("script", sorted({
+    word for block in SHELL for words in commands(block) for word in words
+    if word.split("/")[0] in DIRECTORIES and (TREE / word).is_file()
+    and os.access(TREE / word, os.X_OK)}))
+def test_options_of_scripts_exist(script):
+    known = options_of(TREE / script)
+    assert known
+    assert not [repr(block) for block in SHELL for words in calls(block, script)
+                if not given(words) <= known]
 
 
 @pytest.mark.parametrize("block", UNRUN, ids=repr)
