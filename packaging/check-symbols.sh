@@ -14,23 +14,10 @@ set -eu -o pipefail
 # shellcheck source-path=SCRIPTDIR source=../scripts/lib.sh
 . "$(dirname -- "$0")/../scripts/lib.sh"
 
-update='' dir=''
-while [ $# -gt 0 ]; do
-    case $1 in
-    --update) update=1 ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    -*) die "unknown option $1 (-h for help)" ;;
-    *)
-        [ -z "$dir" ] || die "more than one directory (-h for help)"
-        dir=$1
-        ;;
-    esac
-    shift
-done
-[ -n "$dir" ] || die "no directory (-h for help)"
+update=''
+read_options "update ..." "$@"
+[ ${#words[@]} = 1 ] || refuse_usage "one directory has to be named"
+dir=${words[0]}
 
 of='((construction )?vtable|VTT|typeinfo|typeinfo name|guard variable)'
 exported() { # FILE

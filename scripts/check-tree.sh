@@ -9,6 +9,7 @@
 set -eu
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 . "$(dirname -- "$0")/lib.sh"
+read_options "" "$@"
 cd "$tree"
 
 # In two pieces each, so that this file does not match. ".spec" is a file suffix of its own right.

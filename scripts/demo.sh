@@ -1,9 +1,9 @@
 #!/bin/bash
 # SPDX-License-Identifier: MIT
 #
-# Usage: scripts/demo.sh [--port PORT] [ARCHIVE.zip]
+# Usage: scripts/demo.sh [--port PORT] [--no-install] [ARCHIVE.zip]
 #
-# Installs what is missing and builds everything (in build). Without an archive, packs the example
+# Installs what is missing, unless told not to, and builds everything (in build). Without an archive, packs the example
 # calculator, builds and runs it with vkahost and shows a dialogue with it over its TCP console.
 # With an archive, builds and runs that and leaves its console open on PORT (default 2323) until the
 # program ends or Ctrl-C is pressed. Both run in the sandbox: the machine's /tmp/vkabin and /opt
@@ -13,26 +13,10 @@ set -eu
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 . "$(dirname -- "$0")/lib.sh"
 
-port=2323 archive=''
-while [ $# -gt 0 ]; do
-    case $1 in
-    --port)
-        option_value "$1" $#
-        port=$2
-        shift
-        ;;
-    -h | --help)
-        print_usage
-        exit
-        ;;
-    -*) die "unknown option $1 (-h for help)" ;;
-    *)
-        [ -z "$archive" ] || die "more than one archive (-h for help)"
-        archive=$1
-        ;;
-    esac
-    shift
-done
+port=2323
+read_options "port= ..." "$@"
+[ ${#words[@]} -le 1 ] || refuse_usage "more than one archive"
+archive=${words[0]-}
 [ -z "$archive" ] || [ -f "$archive" ] || die "no such archive: $archive"
 
 how_to_connect() {
@@ -44,7 +28,7 @@ how_to_connect() {
 END
 }
 
-install_packages "${build_packages[@]}" "${sandbox_packages[@]}"
+need_packages "${build_packages[@]}" "${sandbox_packages[@]}"
 
 build=$tree/build
 vkahost=$build/host/vkahost

@@ -8,6 +8,7 @@
 set -eu -o pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 . "$(dirname -- "$0")/lib.sh"
+read_options "" "$@"
 
 for text in "$tree"/doc/*.dot; do
     picture=${text%.dot}.svg

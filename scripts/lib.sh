@@ -29,9 +29,16 @@ die() {
     exit 1
 }
 
+# The same, for a command line that is wrong.
+refuse_usage() {
+    printf '%s: %s (-h for help)\n' "${0##*/}" "$*" >&2
+    exit 2
+}
+
 # read_options KNOWN [ARGUMENT]...: of the options that KNOWN names, build-dir= sets the variable
 # build_dir to its value and all sets the variable all to 1. With ... in KNOWN, other words go to the
-# array words. --no-install sets install=0 and --help prints the usage; anything else is refused.
+# array words. --no-install sets install=0 and --help prints the usage; anything else is refused, with
+# status 2.
 read_options() {
     local known=" $1 " name
     shift
@@ -53,7 +60,7 @@ read_options() {
                 print_usage
                 exit
                 ;;
-            *) die "unknown argument $1 (-h for help)" ;;
+            *) refuse_usage "unknown argument $1" ;;
             esac
         fi
         shift
@@ -61,7 +68,7 @@ read_options() {
 }
 
 # option_value OPTION COUNT: complains unless OPTION is followed by a value; COUNT is "$#".
-option_value() { [ "$2" -ge 2 ] || die "option $1 needs a value"; }
+option_value() { [ "$2" -ge 2 ] || refuse_usage "option $1 needs a value"; }
 
 # The comment at the head of the running script is its manual.
 print_usage() { sed -n '/^# Usage:/,/^[^#]/{/^#/s/^# \{0,1\}//p}' "$0"; }

@@ -50,11 +50,11 @@ enter() {
             shift
             break
             ;;
-        -*) die "unknown option $1" ;;
+        -*) refuse_usage "unknown option $1" ;;
         *) break ;;
         esac
     done
-    [ $# -gt 0 ] || die "no command (-h for help)"
+    [ $# -gt 0 ] || refuse_usage "no command"
     for dir in "${keep[@]}"; do
         case $dir in
         / | /tmp | /opt) die "cannot keep $dir visible: it is or holds what has to be private" ;;

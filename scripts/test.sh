@@ -20,7 +20,7 @@ set -eu
 
 build_dir='' build_type=Release sanitize='' only='' filter=''
 read_options "build-dir= build-type= sanitize= only= filter=" "$@"
-case $only in '' | unit | integration) ;; *) die "--only takes unit or integration" ;; esac
+case $only in '' | unit | integration) ;; *) refuse_usage "--only takes unit or integration" ;; esac
 
 need_packages "${build_packages[@]}" "${sandbox_packages[@]}" "${test_packages[@]}"
 
