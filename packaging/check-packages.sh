@@ -60,15 +60,6 @@ check_lintian() { # ARCH
     lintian --allow-root --fail-on error,warning "$build_dir/$1"/*.deb
 }
 
-# What systemd says about the unit of the package unpacked in DIR: nothing is good.
-check_unit() { # DIR
-    local output
-    cp -R /lib/systemd/system "$1/usr/lib/systemd/"
-    output=$(systemd-analyze verify --man=no --root="$1" vkahost.service 2>&1) ||
-        die "the unit is refused: $output"
-    [ -z "$output" ] || die "systemd complains about the unit: $output"
-}
-
 # What a consumer's compiler is called with. Asked here, of the packages unpacked in DIR: the roots
 # have no pkg-config.
 consumer_flags() { # DIR MULTIARCH
@@ -107,7 +98,7 @@ use() { # ARCH ROOT
     for package in "$dir"/*.deb; do
         dpkg-deb -x "$package" "$dir/unpacked"
     done
-    check_unit "$dir/unpacked"
+    "$tree/packaging/check-service.sh" --installed "$dir/unpacked"
     flags=$(consumer_flags "$dir/unpacked" "$multiarch")
     "${sudo[@]}" timeout --kill-after=1 1800 unshare --mount --pid --fork --kill-child -- \
         "$tree/tests/device/in_root.sh" "$root" "$dir" \
