@@ -14,7 +14,7 @@ set -eu -o pipefail
 
 build_dir=$tree/build/abi
 read_options "build-dir= ..." "$@"
-[ ${#words[@]} -le 1 ] || die "more than one base (-h for help)"
+[ ${#words[@]} -le 1 ] || refuse_usage "more than one base"
 base=${words[0]-}
 need_packages g++ make cmake git abigail-tools binutils
 mkdir -p "$build_dir"
@@ -78,17 +78,6 @@ prove() {
     say "a changed library is noticed; another SOVERSION, more functions, private types may be"
 }
 
-build_libraries() { # SOURCE DIR
-    local log=$2.log
-    {
-        cmake -S "$1" -B "$2" -DCMAKE_BUILD_TYPE=Debug &&
-            cmake --build "$2" --parallel "$(nproc)" --target "${libraries[@]/%/_shared}"
-    } >"$log" 2>&1 || {
-        cat "$log"
-        die "the build in $2 failed"
-    }
-}
-
 prove
 [ -n "$base" ] || base=$(in_git describe --tags --match 'v*' --abbrev=0 2>/dev/null) || {
     say "no tag v* yet: there is nothing to compare with"
@@ -99,8 +88,9 @@ in_git rev-parse -q --verify "$base^{commit}" >/dev/null || die "there is no com
 rm -rf "$build_dir/base" "$build_dir/source"
 mkdir "$build_dir/source"
 in_git archive "$base" | tar -x -C "$build_dir/source"
-build_libraries "$build_dir/source" "$build_dir/base"
-build_libraries "$tree" "$build_dir/new"
+options=(-DCMAKE_BUILD_TYPE=Debug -DVKA_BUILD_HOST=OFF)
+tree=$build_dir/source build_tree "$build_dir/base" "${options[@]}"
+build_tree "$build_dir/new" "${options[@]}"
 mapfile -t headers < <(cd "$tree" &&
     find libqvutil libqvio libqvproc libvka "$build_dir"/source/lib* -type f ! -name '*.*')
 public_types "${headers[@]}"
