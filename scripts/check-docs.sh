@@ -7,7 +7,7 @@
 # of vkahost, man pages, the reference of the libraries, pictures. Ends with status 0 only if all of
 # it is in order. Runs with a network of its own, where README.md's port is free.
 #
-#   --build-dir DIR       a Release build of everything, made if there is none (default build/docs)
+#   --build-dir DIR       where to build (default build/docs); one of scripts/test.sh will do
 #   --no-install          install nothing
 #   -h, --help            show this text
 
@@ -21,7 +21,7 @@ need_packages "${build_packages[@]}" "${sandbox_packages[@]}" doxygen \
     git graphviz iproute2 man-db mandoc netcat-openbsd pkgconf python3-markdown-it \
     python3-pytest shellcheck
 
-[ -x "$build_dir/host/vkahost" ] || build_tree "$build_dir" -DCMAKE_BUILD_TYPE=Release
+build_tree "$build_dir" -DCMAKE_BUILD_TYPE=Release
 build_dir=$(cd -- "$build_dir" && pwd -P)
 
 # A page that is not understood is shown all the same, so that a word about it is a failure.
