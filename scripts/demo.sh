@@ -3,10 +3,10 @@
 #
 # Usage: scripts/demo.sh [--port PORT] [--no-install] [ARCHIVE.zip]
 #
-# Installs what is missing, unless told not to, and builds everything (in build). Without an archive, packs the example
-# calculator, builds and runs it with vkahost and shows a dialogue with it over its TCP console.
-# With an archive, builds and runs that and leaves its console open on PORT (default 2323) until the
-# program ends or Ctrl-C is pressed. Both run in the sandbox: the machine's /tmp/vkabin and /opt
+# Installs what is missing, unless told not to, and builds everything (in build). Without an archive,
+# packs the example calculator, builds and runs it with vkahost and shows a dialogue with it over its
+# TCP console. With an archive, builds and runs that and leaves its console open on PORT (default
+# 2323) until the program ends or Ctrl-C is pressed. Both run in the sandbox: the machine's /tmp/vkabin and /opt
 # stay as they are.
 
 set -eu
