@@ -46,13 +46,17 @@ deselected() { # MODE
             transfer.py::test_eight_mebibytes_pass_both_ways
             # and what the host gives a second or less to, or the test
             transfer.py::test_{nothing_is_added_to_the_stream,answers_of_two_chunks_come_at_once}
-            watch.py::test_unfetched_output_of_the_old_program_comes_first)
-    else # about the processor time that waiting takes
+            watch.py::test_unfetched_output_of_the_old_program_comes_first
+            last_output.py::test_output_when_the_end_comes_while_the_host_looks_for_it
+            # and what shows how much is read at a time
+            debug.py::test_dump_holds_every_byte_of_both_directions)
+    else # about the processor time that waiting takes, or the number of waits
         tests=(backpressure.py::test_program_that_never_reads
             backpressure.py::test_waiting_takes_no_processor_time
             backpressure.py::test_waiting_takes_no_processor_time_when_the_program_closed_its_terminal
             child_view.py::test_program_goes_on_when_its_terminal_was_hung_up
-            log_file.py::test_waiting_takes_no_processor_time)
+            log_file.py::test_waiting_takes_no_processor_time
+            system_failures.py::test_failing_wait)
     fi
     for test in "${tests[@]}"; do
         echo "--deselect=tests/integration/test_$test"
