@@ -93,13 +93,22 @@ Proc::pidset_t Proc::pidsof(const char* name) {
     const std::unique_ptr<DIR, DirCloser> dir(opendir("/proc"));
     if (!dir)
         return found;
-    while (const dirent* entry = readdir(dir.get())) {
+    int err = 0;
+    while (true) {
+        errno = 0; // only that tells the end from a failure
+        const dirent* entry = readdir(dir.get());
+        if (!entry) {
+            err = errno;
+            break;
+        }
         const pid_t pid = pidofProc(entry->d_name, name);
         if (pid > 0)
             found.insert(pid);
     }
+    if (err != 0)
+        found.clear(); // some processes would be missing
     if (found.empty())
-        errno = ESRCH;
+        errno = err != 0 ? err : ESRCH;
     return found;
 }
 

@@ -22,13 +22,14 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 using vkatest::Child;
 using vkatest::Fault;
 using vkatest::TempDir;
 
 namespace {
 
-Fault opendirFault, readlinkFault, openFault, readFault;
+Fault opendirFault, readdirFault, readlinkFault, openFault, readFault;
 std::string executable; // what every link to a process's executable says, unless empty
 
 /** A program under a name that no other process of the machine has, and its processes. */
@@ -101,7 +102,7 @@ class ProcLookup : public testing::Test {
 protected:
     void SetUp() override { openBefore = vkatest::openDescriptors(); }
     void TearDown() override {
-        for (Fault* fault : {&opendirFault, &readlinkFault, &openFault, &readFault})
+        for (Fault* fault : {&opendirFault, &readdirFault, &readlinkFault, &openFault, &readFault})
             fault->disarm();
         executable.clear();
         EXPECT_EQ(openBefore, vkatest::openDescriptors()) << "descriptors left open";
@@ -114,6 +115,8 @@ private:
 } // namespace
 
 VKA_WRAP(opendirFault, DIR*, opendir, (const char* path), (path), nullptr)
+VKA_WRAP(readdirFault, dirent*, readdir, (DIR * dir), (dir), nullptr)
+VKA_WRAP(readdirFault, dirent64*, readdir64, (DIR * dir), (dir), nullptr)
 extern "C" {
 __attribute__((weak)) ssize_t __real_readlink(const char* path, char* buf, size_t size);
 ssize_t __wrap_readlink(const char* path, char* buf, size_t size);
@@ -251,6 +254,25 @@ TEST_F(ProcLookup, TellsWhyNothingCanBeLookedUp) {
         EXPECT_EQ(-1, Proc("sh").getPid());
         EXPECT_EQ("", Proc::stat("sh"));
     }
+}
+
+TEST_F(ProcLookup, TellsThatTheDirectoryCouldNotBeReadToItsEnd) {
+    Program program;
+    program.start();
+    readdirFault.failAt(1, EBADF);
+    EXPECT_EQ(-1, Proc::pidof(program.name.c_str()));
+    EXPECT_EQ(EBADF, errno);
+    readdirFault.disarm();
+    EXPECT_THAT(Proc::pidsof(program.name.c_str()), SizeIs(1));
+    // Behind the last process, however many there are by now: it may have missed some others.
+    int number = readdirFault.calls() + 50;
+    Proc::pidset_t pids;
+    do {
+        readdirFault.failAt(number--, EBADF);
+        pids = Proc::pidsof(program.name.c_str());
+    } while (readdirFault.failures() == 0);
+    EXPECT_THAT(pids, IsEmpty());
+    EXPECT_EQ(EBADF, errno);
 }
 
 TEST_F(ProcLookup, OneOfExecutableAndArgumentZeroIsEnoughForAPath) {

@@ -43,6 +43,6 @@ set_source_files_properties(ProcPrivate_test.cc PROPERTIES
 vka_test(Proc SOURCES Proc_test.cc ${memory_faults} WRAP fork kill waitpid syscall)
 vka_test(ProcPrivate SOURCES ProcPrivate_test.cc WRAP kill waitpid)
 vka_test(ProcLookup SOURCES ProcLookup_test.cc
-  WRAP opendir readlink __readlink_chk ${wrap_open} ${wrap_read})
+  WRAP opendir readdir readdir64 readlink __readlink_chk ${wrap_open} ${wrap_read})
 
 include(layers.cmake)
