@@ -56,6 +56,8 @@ bool ArchiveWatch::replaced(const FdSet& rfds) {
         return false;
     settled = 0;
     const FileMark now(path);
+    if (now.isUnknown()) // nothing else would make it look again
+        settled = nowMs() + lookAgainMs;
     if (!now.exists() || now == mark)
         return false;
     mark = now;
