@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <iostream>
 #include <netinet/tcp.h>
+#include <new>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/prctl.h>
@@ -115,6 +116,16 @@ HostClient::HostClient(const Options& options)
         setCloseOnExec(fdServer);
         setNonBlocking(fdServer); // a client may be gone between select() and accept()
         prepareTerminal();
+    }
+}
+
+HostClient::~HostClient() {
+    try {
+        stop();
+    } catch (const std::bad_alloc&) {
+        // The library's destructor would end the host here. These need no memory.
+        if (vkaproc.killChildren(SIGKILL) == 0)
+            vkaproc.waitChildren(true);
     }
 }
 
@@ -320,7 +331,7 @@ bool HostClient::relay(const FdSet& rfds, const FdSet& wfds) {
             return false;
         if (fdConn != -1 && (eventsOf(fdConn, POLLIN) & (POLLERR | POLLHUP)) != 0)
             clientIsDeaf = true;
-        else if (err.getError() == EIO)
+        else if (err.getError() == EIO && master != -1)
             closeTerminal();
         else
             throw;
@@ -464,9 +475,12 @@ int HostClient::relayRest(Signals& signals, int lastOutputMs, int slowClientMs) 
         timeval timeout = {static_cast<time_t>(waitMs / 1000),
                            static_cast<suseconds_t>(waitMs % 1000 * 1000)};
         const int ready = select(rfds.num(wfds), rfds.addr(), wfds.addr(), nullptr, &timeout);
-        if (ready == -1 && errno == EINTR)
+        const int err = errno;
+        if (ready == -1 && err == EINTR)
             continue;
-        if (ready <= 0)
+        if (ready == -1) // output may be left
+            throw IOException(err, "cannot wait for events");
+        if (ready == 0)
             return 0;
         if (rfds.isSet(signals.fd())) {
             const int stopSignal = signals.take();
