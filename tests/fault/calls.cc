@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The functions of the C library that the product calls and that can fail, with the error numbers
-// that their manual pages name. redirect.sh reads from this file's object which calls to redirect.
+// Functions of the C library that the product calls, with plausible error numbers: most of those
+// that their manual pages name, and some that Linux gives besides. redirect.sh reads from this
+// file's object which calls to redirect.
 #include "inject.h"
 
 #include <cerrno>
@@ -249,12 +250,29 @@ FUNCTION(pthread_atfork, ENOMEM)
 FUNCTION(sysinfo, EFAULT)
 FUNCTION(strdup, ENOMEM)
 
-INJECT(fork, pid_t, fork, (), (), -1)
+extern "C" pid_t inject_fork();
+extern "C" pid_t inject_fork() {
+    const pid_t child = forkFunction.hit() ? -1 : fork();
+    if (child > 0)
+        inject::noteChild(child);
+    return child;
+}
 INJECT_INT(execv, (const char* path, char* const argv[]), (path, argv))
-INJECT_ERROR(posix_spawn,
-             (pid_t * pid, const char* path, const posix_spawn_file_actions_t* actions,
-              const posix_spawnattr_t* attr, char* const argv[], char* const env[]),
-             (pid, path, actions, attr, argv, env))
+extern "C" int inject_posix_spawn(pid_t* pid, const char* path,
+                                  const posix_spawn_file_actions_t* actions,
+                                  const posix_spawnattr_t* attr, char* const argv[],
+                                  char* const env[]);
+extern "C" int inject_posix_spawn(pid_t* pid, const char* path,
+                                  const posix_spawn_file_actions_t* actions,
+                                  const posix_spawnattr_t* attr, char* const argv[],
+                                  char* const env[]) {
+    if (posix_spawnFunction.hit())
+        return errno;
+    const int error = posix_spawn(pid, path, actions, attr, argv, env);
+    if (error == 0)
+        inject::noteChild(*pid);
+    return error;
+}
 INJECT_ERROR(posix_spawn_file_actions_init, (posix_spawn_file_actions_t * actions), (actions))
 INJECT_ERROR(posix_spawn_file_actions_adddup2,
              (posix_spawn_file_actions_t * actions, int from, int to), (actions, from, to))

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "child_program.h"
+#include "inject.h"
 
 #include <tests/support/wait.h>
 
@@ -49,6 +50,7 @@ Program::Program(const std::string& script) {
 }
 
 Program::~Program() {
+    inject::lookForChildren();
     // Runs whose fault was that nobody could signal or reap the child leave it to us.
     while (true) {
         siginfo_t info;

@@ -58,6 +58,8 @@ bool anyOf(const std::string& patterns, const std::string& outcome, const std::s
     for (std::string pattern; std::getline(parts, pattern, '|');) {
         for (size_t found; (found = pattern.find("$E")) != std::string::npos;)
             pattern.replace(found, 2, std::to_string(error));
+        for (size_t found; (found = pattern.find("$S")) != std::string::npos;)
+            pattern.replace(found, 2, strerror(error));
         if (pattern == "=" ? outcome == good
                            : fnmatch(pattern.c_str(), outcome.c_str(), FNM_NOESCAPE) == 0)
             return true;
@@ -87,16 +89,22 @@ bool concerns(const Rule& rule, const inject::Fault& injected) {
            (calls == name || calls == number || calls == name + error || calls == number + error);
 }
 
+/** @return the rule about this fault, or null */
+const Rule* ruleFor(const Injection& injection) {
+    for (const Rule& rule : injection.scenario->rules)
+        if (concerns(rule, injection.fault))
+            return &rule;
+    return nullptr;
+}
+
 /** @return a complaint, or "" */
 std::string judge(const Injection& injection, const std::string& outcome, const std::string& good) {
-    for (const Rule& rule : injection.scenario->rules) {
-        if (!concerns(rule, injection.fault))
-            continue;
-        return anyOf(rule.outcomes, outcome, good, injection.fault.error)
-                   ? ""
-                   : "gives \"" + outcome + "\" where \"" + rule.outcomes + "\" is promised";
-    }
-    return "gives \"" + outcome + "\", and no rule tells what is promised";
+    const Rule* const rule = ruleFor(injection);
+    if (!rule)
+        return "gives \"" + outcome + "\", and no rule tells what is promised";
+    return anyOf(rule->outcomes, outcome, good, injection.fault.error)
+               ? ""
+               : "gives \"" + outcome + "\" where \"" + rule->outcomes + "\" is promised";
 }
 
 std::set<pid_t> childrenOf(pid_t pid) {
@@ -111,25 +119,23 @@ std::set<pid_t> childrenOf(pid_t pid) {
 /** What a run must leave behind as it was. */
 struct Surroundings {
     std::set<int> descriptors = openDescriptors();
-    size_t blocks = inject::liveBlocks();
 
-    /** @return a complaint, or "" */
-    std::string leftBy(const Scenario& scenario, bool failed, size_t goodBlocks) const {
-        const size_t blocksNow = inject::liveBlocks(); // before anything is allocated here
+    /**
+     * @param leak descriptors that may stay open
+     * @return a complaint, or ""
+     */
+    std::string leftBy(size_t leak) const {
         // A process that was told to end, or that is none of ours any more, needs a moment.
         if (!waitUntil([] { return childrenOf(getpid()).empty() || reapOrphans(); },
                        std::chrono::milliseconds(3000)))
             return "leaves a process running";
         const std::set<int> now = openDescriptors();
-        const size_t room = failed ? scenario.leak : 0;
-        if (now.size() > descriptors.size() + room || now.size() < descriptors.size())
+        if (now.size() > descriptors.size() + leak || now.size() < descriptors.size())
             return "leaves " + std::to_string(now.size()) + " descriptors open, of " +
                    std::to_string(descriptors.size()) + " before";
         for (int fd : now)
             if (descriptors.count(fd) == 0)
                 close(fd);
-        if (blocksNow > blocks + goodBlocks)
-            return "leaks " + std::to_string(blocksNow - blocks - goodBlocks) + " blocks of memory";
         return "";
     }
 
@@ -142,10 +148,30 @@ private:
     }
 };
 
+/** What came of one run. */
+struct Result {
+    std::string outcome;
+    long blocks; // more that are allocated than before
+    bool child;  // that was started and that nobody has reaped
+};
+
+Result runOnce(const Scenario& scenario) {
+    static char outcome[10000]; // so that it is no block
+    inject::leavesChildren();   // what earlier runs have found
+    const size_t before = inject::liveBlocks();
+    {
+        const std::string text = scenario.run();
+        outcome[text.copy(outcome, sizeof(outcome) - 1)] = '\0';
+    }
+    const long blocks = static_cast<long>(inject::liveBlocks() - before);
+    inject::lookForChildren();
+    return {outcome, blocks, inject::leavesChildren()};
+}
+
 /** What is known of a scenario from running it undisturbed. */
 struct Good {
     std::string outcome;
-    size_t blocks = 0; // that it leaves allocated
+    long blocks = 0; // that it leaves allocated
     std::vector<inject::Call> calls;
 };
 
@@ -154,15 +180,17 @@ Good runWell(const Scenario& scenario) {
     std::map<std::string, std::vector<inject::Call>> seen;
     std::map<std::string, size_t> least;
     for (int round = 0; round < 3; ++round) {
-        const size_t before = inject::liveBlocks();
-        {
-            const std::string outcome = scenario.run();
-            if (round != 0 && outcome != good.outcome)
-                throw std::runtime_error(std::string(scenario.name) + " gives \"" + good.outcome +
-                                         "\" and then \"" + outcome + '"');
-            good.outcome = outcome;
-        }
-        good.blocks = round == 0 ? 0 : std::max(good.blocks, inject::liveBlocks() - before);
+        const Result result = runOnce(scenario);
+        if (round != 0 && result.outcome != good.outcome)
+            throw std::runtime_error(std::string(scenario.name) + " gives \"" + good.outcome +
+                                     "\" and then \"" + result.outcome + '"');
+        if (!scenario.good.empty() && result.outcome != scenario.good)
+            throw std::runtime_error(std::string(scenario.name) + " gives \"" + result.outcome +
+                                     "\" instead of \"" + scenario.good + '"');
+        if (result.child)
+            throw std::runtime_error(std::string(scenario.name) + " leaves a child unreaped");
+        good.outcome = result.outcome;
+        good.blocks = round == 0 ? 0 : std::max(good.blocks, result.blocks);
         // Where the number of calls varies only those count that every run makes.
         std::map<std::string, std::vector<inject::Call>> calls;
         for (const inject::Call& call : inject::recorded())
@@ -184,29 +212,39 @@ Good runWell(const Scenario& scenario) {
     return good;
 }
 
+/** @return a complaint about what a run has left behind, or "" */
+std::string leftBehind(const Surroundings& before, const Result& result, const Good& good,
+                       size_t leak, bool leavesChild) {
+    if (result.child && !leavesChild)
+        return "leaves a child unreaped";
+    if (result.blocks > good.blocks)
+        return "leaks " + std::to_string(result.blocks - good.blocks) + " blocks of memory";
+    return before.leftBy(leak);
+}
+
 /** In a process of its own: the failing run, then a good one. @return its status: 0, 1 or 2 */
 int tryOut(const Injection& injection, const Good& good, int report) {
     std::string complaint;
-    int hits = 0;
     {
         const Surroundings before;
         fault = &injection.fault;
-        const std::string outcome = injection.scenario->run();
+        const Result result = runOnce(*injection.scenario);
         fault = nullptr;
-        hits = static_cast<int>(inject::hits());
-        if (hits == 0)
+        if (inject::hits() == 0)
             return 2;
-        complaint = judge(injection, outcome, good.outcome);
+        complaint = judge(injection, result.outcome, good.outcome);
         if (complaint.empty())
-            complaint = before.leftBy(*injection.scenario, true, good.blocks + 2);
+            complaint = leftBehind(before, result, good, injection.scenario->leak,
+                                   ruleFor(injection)->leavesChild);
     }
     if (complaint.empty()) {
         const Surroundings before;
-        const std::string outcome = injection.scenario->run();
-        if (outcome != good.outcome)
-            complaint = "is followed by \"" + outcome + "\" instead of \"" + good.outcome + '"';
+        const Result result = runOnce(*injection.scenario);
+        if (result.outcome != good.outcome)
+            complaint =
+                "is followed by \"" + result.outcome + "\" instead of \"" + good.outcome + '"';
         else
-            complaint = before.leftBy(*injection.scenario, false, good.blocks + 2);
+            complaint = leftBehind(before, result, good, 0, false);
         if (!complaint.empty())
             complaint = "a good run behind it " + complaint;
     }

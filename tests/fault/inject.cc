@@ -10,6 +10,7 @@
 #include <pthread.h>
 #include <stdexcept>
 #include <sys/mman.h>
+#include <sys/wait.h>
 
 namespace inject {
 
@@ -30,6 +31,7 @@ std::vector<Function*>& functions() {
 /** Seen by all processes of a scenario. */
 struct Shared {
     std::atomic<size_t> hits, size;
+    std::atomic<bool> leavesChildren;
     struct {
         char role[16];
         const Function* function;
@@ -43,6 +45,9 @@ Fault current;
 char role[16]; // of this process
 size_t forks = 0;
 
+pid_t children[1000]; // of this process
+size_t childCount = 0;
+
 void countFork() {
     ++forks;
 }
@@ -50,6 +55,7 @@ void becomeChild() {
     const size_t length = strlen(role);
     snprintf(role + length, sizeof(role) - length, "/%zu", forks);
     forks = 0;
+    childCount = 0;
     for (Function* function : functions())
         function->calls = 0;
 }
@@ -124,6 +130,25 @@ std::vector<Call> recorded() {
         calls.push_back(
             {shared->calls[i].role, shared->calls[i].function, shared->calls[i].number});
     return calls;
+}
+
+void noteChild(pid_t child) {
+    if (childCount == std::size(children))
+        abort();
+    children[childCount++] = child;
+}
+
+void lookForChildren() {
+    for (const pid_t* child = children; child != children + childCount; ++child) {
+        siginfo_t info;
+        if (waitid(P_PID, static_cast<id_t>(*child), &info, WEXITED | WNOHANG | WNOWAIT) == 0)
+            shared->leavesChildren = true;
+    }
+}
+
+bool leavesChildren() {
+    childCount = 0;
+    return shared && shared->leavesChildren.exchange(false);
 }
 
 std::string errorName(int error) {

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace inject {
@@ -52,6 +53,13 @@ void end();
 size_t hits();
 /** The calls since begin(), this process's and those of processes forked from it. */
 std::vector<Call> recorded();
+
+/** Notes a child that the product started. */
+void noteChild(pid_t child);
+/** Notes whether this process has such children that nobody has reaped. */
+void lookForChildren();
+/** Did a process of the scenario find any since the last call? Forgets this one's. */
+bool leavesChildren();
 
 /** The name of an error number, such as EINTR. */
 std::string errorName(int error);

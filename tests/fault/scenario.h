@@ -24,12 +24,14 @@ struct Rule {
      * FUNCTION, FUNCTION#NUMBER, FUNCTION:ERROR or FUNCTION#NUMBER:ERROR, each behind ROLE: for a
      * child process and before "+" for failures for good.
      */
-    const char* calls;
+    std::string calls;
     /**
-     * Acceptable outcomes, separated by '|': patterns of the shell, with $E for the error number;
-     * "=" is the outcome of the good run.
+     * Acceptable outcomes, separated by '|': patterns of the shell, with $E for the error number
+     * and $S for its text; "=" is the outcome of the good run.
      */
-    const char* outcomes;
+    std::string outcomes;
+    /** May a child stay that was started? Nobody can reap or signal it while those calls fail. */
+    bool leavesChild = false;
 };
 
 struct Scenario {
@@ -41,6 +43,8 @@ struct Scenario {
     /** Descriptors that stay open when the scenario's own subject fails, as its declaration says.
      */
     size_t leak = 0;
+    /** The outcome while nothing fails; "" where that is for other tests. */
+    std::string good = "";
 };
 
 /** Runs a step with the fault. @return "done", or the exception that it threw */
