@@ -34,7 +34,7 @@ const inject::Fault* fault = nullptr;
 
 namespace {
 
-const int limitMs = 8000; // for a failing run and the good one behind it
+const int limitMs = 15000; // for a failing run and the good one behind it
 const int reportFd = 100;
 const int complaintsAtMost = 20; // a scenario is given up then
 const int triesToHit = 5;        // where the number of calls depends on the scheduler

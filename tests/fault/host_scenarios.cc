@@ -26,7 +26,7 @@ extern "C" int vkahost_main(int argc, char* argv[]); // its main(), renamed
 namespace {
 
 /** When a host that gets nowhere is asked to stop. */
-const long patienceMs = 2500;
+const long patienceMs = 5000;
 
 /** Output, without the lines of the trace. */
 std::string inOneLine(const std::string& output) {
@@ -215,18 +215,19 @@ std::string unattended(std::vector<std::string> options, const char* script,
 std::string watched() {
     const Program program("cat a.c; cat a.c >> ../../said; read line");
     Host host({"-W"});
-    size_t waits = 0;
     bool replaced = false;
     waitUntil([&] {
         const std::string said = contentOf(host.directory() / "said");
-        const size_t waitsNow = host.times("waiting for another archive");
-        if (!replaced && (said == "first\n" || waitsNow != 0)) {
-            waits = waitsNow;
+        const std::string waits = "waiting for another archive";
+        if (!replaced && (said == "first\n" || host.times(waits) != 0)) {
             host.fillArchive("second\n");
             replaced = true;
         }
-        if (replaced && (said.find("second") != std::string::npos || host.times("goes on") != 0 ||
-                         waitsNow > waits))
+        const std::string out = host.out();
+        const size_t noticed = out.find("archive replaced");
+        if (said.find("second") != std::string::npos ||
+            (noticed != std::string::npos && (out.find("goes on", noticed) != std::string::npos ||
+                                              out.find(waits, noticed) != std::string::npos)))
             host.terminate();
         host.terminateWhenLate();
         return host.ended();
@@ -418,6 +419,7 @@ const std::vector<Rule> tracedRules =
         {"recv", "="},
         {"read:EINTR", "="},
         {"read:EAGAIN", '=' + unread},
+        {"+read:EIO", "=|" + closed + '|' + says("cannot read from TCP port") + unread},
         {"read:EIO", "=|" + closed + unread},
         {"read",
          "=|" + says("cannot read from PTTY") + '|' + says("cannot read from TCP port") + unread},
