@@ -355,10 +355,47 @@ std::vector<Injection> injectionsOf(const Scenario& scenario, const Good& good,
     return all;
 }
 
+/** @return "", a complaint, or "?" when the call was not made in any of some attempts */
+std::string attempt(const Injection& injection, const Good& good) {
+    std::string complaint = "?";
+    for (int tries = 0; tries < triesToHit && complaint == "?"; ++tries)
+        complaint = carryOut(injection, good);
+    // Where that is promised nobody is left to look at the rest.
+    if (complaint.compare(0, 4, "ends") == 0 &&
+        judge(injection, "the process ends", good.outcome).empty())
+        complaint.clear();
+    return complaint;
+}
+
+/** The same; a complaint has to come twice, as a machine that stands still for seconds gives one.
+ */
+std::string confirmedAttempt(const Injection& injection, const Good& good) {
+    std::string complaint = attempt(injection, good);
+    if (complaint.empty() || complaint == "?")
+        return complaint;
+    for (int again = 0; again < 2; ++again) {
+        complaint = attempt(injection, good);
+        if (!complaint.empty() && complaint != "?")
+            return complaint;
+    }
+    return "";
+}
+
+Good runWellAtLast(const Scenario& scenario) {
+    for (int left = 2;; --left) {
+        try {
+            return runWell(scenario);
+        } catch (const std::runtime_error&) {
+            if (left == 0)
+                throw;
+        }
+    }
+}
+
 /** @return the number of complaints */
 int runScenario(const Scenario& scenario, const Arguments& arguments, int report) {
     const Stopwatch watch;
-    const Good good = runWell(scenario);
+    const Good good = runWellAtLast(scenario);
     std::vector<Injection> injections;
     if (arguments.replay.empty())
         injections = injectionsOf(scenario, good, arguments);
@@ -370,13 +407,7 @@ int runScenario(const Scenario& scenario, const Arguments& arguments, int report
     const size_t step = arguments.parts * arguments.sample;
     for (size_t i = arguments.part * arguments.sample;
          i < injections.size() && complaints < complaintsAtMost; i += step) {
-        std::string complaint = "?";
-        for (int tries = 0; tries < triesToHit && complaint == "?"; ++tries)
-            complaint = carryOut(injections[i], good);
-        // Where that is promised nobody is left to look at the rest.
-        if (complaint.compare(0, 4, "ends") == 0 &&
-            judge(injections[i], "the process ends", good.outcome).empty())
-            complaint.clear();
+        const std::string complaint = confirmedAttempt(injections[i], good);
         if (complaint == "?") {
             ++missed;
             continue;
