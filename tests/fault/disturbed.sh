@@ -44,6 +44,7 @@ deselected() { # MODE
             reconnect.py::test_part_of_a_chunk_that_one_client_got_is_not_sent_again
             "reconnect.py::test_fifty_clients_that_reset_the_connection[$flood]"
             transfer.py::test_eight_mebibytes_pass_both_ways
+            system_failures.py::test_transfers_are_tried_again
             # and what the host gives a second or less to, or the test
             transfer.py::test_{nothing_is_added_to_the_stream,answers_of_two_chunks_come_at_once}
             watch.py::test_unfetched_output_of_the_old_program_comes_first
